@@ -1,0 +1,10 @@
+// Filling and copying of memory.
+#pragma once
+
+#include "host/host_export.h"
+
+#include <cstddef>
+
+IP_HOST_API void IP_FillMemWord(unsigned short* dst, std::size_t count, unsigned short value);
+IP_HOST_API void IP_FillMemDWord(unsigned* dst, std::size_t count, unsigned value);
+IP_HOST_API void IP_Memcpy(void* dst, const void* src, std::size_t bytes);
