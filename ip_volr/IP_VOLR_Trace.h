@@ -14,10 +14,10 @@ constexpr int kTraceReserved = 1;
 }  // namespace ip_volr
 
 // Writes one printf-style line. `source` is "ip_volr/" and the class, `function` the qualified name.
-#define IP_VOLR_TRACE(level, source, function, ...)                                                            \
-    do {                                                                                                       \
-        if (Tmr_LogFile::StoreParams(source, function, __LINE__, level, ::ip_volr::kTraceFacility,             \
-                                     ::ip_volr::kTraceReserved) != 0) {                                        \
-            Tmr_LogFile::Log(__VA_ARGS__);                                                                     \
-        }                                                                                                      \
+#define IP_VOLR_TRACE(level, source, function, ...)                                                \
+    do {                                                                                           \
+        if (Tmr_LogFile::StoreParams(source, function, __LINE__, level, ::ip_volr::kTraceFacility, \
+                                     ::ip_volr::kTraceReserved) != 0) {                            \
+            Tmr_LogFile::Log(__VA_ARGS__);                                                         \
+        }                                                                                          \
     } while (false)
