@@ -97,7 +97,7 @@ protected:
 // the spacing along an axis is the axis vector's length divided by the dimension.
 class IP_HOST_API IP_Box : public IP_Dims, public IP_BoxParams {
 public:
-    IP_Box() = default;  // no voxels, unit cube
+    IP_Box() = default;           // no voxels, unit cube
     IP_Box(int x, int y, int z);  // 1 mm voxels, start corner at the origin
     IP_Box(int x, int y, int z, float mm_x, float mm_y, float mm_z);
 

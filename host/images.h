@@ -33,7 +33,7 @@ public:
     void UnmapMemory();
 
     MEM_PagerInfo* GetData() const { return m_Data; }
-    MEM_PagerInfo* GetMappedData() const;  // the same while mapped, else null
+    MEM_PagerInfo* GetMappedData() const;          // the same while mapped, else null
     void SetData(MEM_PagerInfo* data, bool owns);  // an owned earlier block is freed first
 
     bool OwnsData() const { return m_OwnsData; }

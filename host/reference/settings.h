@@ -53,17 +53,17 @@ private:
 // ---- Memory pager
 
 struct PagerStatistics {
-    std::int64_t blocks = 0;                // allocated now
-    std::int64_t allocated_bytes = 0;       // in all blocks, resident or spilled
-    std::int64_t resident_bytes = 0;        // in memory now
-    std::int64_t spilled_bytes = 0;         // in the spill file now
-    std::int64_t mapped_blocks = 0;         // with at least one mapping
+    std::int64_t blocks = 0;           // allocated now
+    std::int64_t allocated_bytes = 0;  // in all blocks, resident or spilled
+    std::int64_t resident_bytes = 0;   // in memory now
+    std::int64_t spilled_bytes = 0;    // in the spill file now
+    std::int64_t mapped_blocks = 0;    // with at least one mapping
     std::int64_t mapped_bytes = 0;
-    std::int64_t mappings = 0;              // sum of all mapping counts
-    std::int64_t peak_resident_bytes = 0;   // since the start or ResetPeaks
-    std::int64_t total_spilled_bytes = 0;   // written to the spill file, ever
-    std::int64_t total_allocations = 0;     // Allocate calls, ever
-    std::int64_t total_maps = 0;            // blocks mapped, ever
+    std::int64_t mappings = 0;             // sum of all mapping counts
+    std::int64_t peak_resident_bytes = 0;  // since the start or ResetPeaks
+    std::int64_t total_spilled_bytes = 0;  // written to the spill file, ever
+    std::int64_t total_allocations = 0;    // Allocate calls, ever
+    std::int64_t total_maps = 0;           // blocks mapped, ever
 };
 
 IP_HOST_API PagerStatistics GetPagerStatistics();
@@ -77,10 +77,10 @@ IP_HOST_API void SetSpillFolder(const std::string& folder);
 
 // For tests. Counts restart with each call.
 struct PagerFaults {
-    std::int64_t refuse_allocation = 0;      // refuse the k-th allocation from now (1 is the next); 0 none
-    std::int64_t refuse_map = 0;             // refuse the k-th mapping call from now; 0 none
-    std::int64_t refuse_above_bytes = 0;     // refuse every allocation above this size; 0 none
-    std::int64_t refuse_mapped_above = 0;    // refuse mappings that would map more bytes than this at once; 0 none
+    std::int64_t refuse_allocation = 0;    // refuse the k-th allocation from now (1 is the next); 0 none
+    std::int64_t refuse_map = 0;           // refuse the k-th mapping call from now; 0 none
+    std::int64_t refuse_above_bytes = 0;   // refuse every allocation above this size; 0 none
+    std::int64_t refuse_mapped_above = 0;  // refuse mappings that would map more bytes than this at once; 0 none
 };
 IP_HOST_API void SetPagerFaults(const PagerFaults& faults);
 

@@ -1,0 +1,248 @@
+#include "host/reference/task_pool.h"
+
+#include <algorithm>
+
+#include "host/tasks.h"
+
+#if defined(__x86_64__) || defined(__i386__)
+#include <immintrin.h>
+#endif
+
+namespace reference_host {
+
+namespace {
+
+constexpr int kMostServers = 256;
+// Length of one round of the spin policy; about a microsecond on processors of the last ten years.
+constexpr int kPausesPerRound = 24;
+
+void pause_once() {
+#if defined(__x86_64__) || defined(__i386__)
+    _mm_pause();
+#else
+    std::this_thread::yield();
+#endif
+}
+
+int number_of_processors() {
+    return std::max(static_cast<int>(std::thread::hardware_concurrency()), 1);
+}
+
+// Makes a subtask the running one of this thread for the scope's lifetime.
+class RunningScope {
+public:
+    explicit RunningScope(const RunningSubtask& running) : m_Previous(running_subtask()) {
+        running_subtask() = running;
+    }
+    ~RunningScope() { running_subtask() = m_Previous; }
+    RunningScope(const RunningScope&) = delete;
+    RunningScope& operator=(const RunningScope&) = delete;
+
+private:
+    const RunningSubtask m_Previous;
+};
+
+}  // namespace
+
+RunningSubtask& running_subtask() {
+    thread_local RunningSubtask running;
+    return running;
+}
+
+TaskPool& TaskPool::Instance() {
+    static TaskPool* const instance = new TaskPool;
+    return *instance;
+}
+
+int TaskPool::NumberOfServers() {
+    const int servers = m_Servers.load(std::memory_order_relaxed);
+    if (servers > 0) {
+        return servers;
+    }
+    int undecided = 0;
+    m_Servers.compare_exchange_strong(undecided, std::min(number_of_processors(), kMostServers));
+    return m_Servers.load(std::memory_order_relaxed);
+}
+
+void TaskPool::SetNumberOfServers(int servers) {
+    StopWorkers();
+    m_Servers.store(std::clamp(servers > 0 ? servers : number_of_processors(), 1, kMostServers));
+}
+
+void TaskPool::SetSpinRounds(int caller, int worker) {
+    m_CallerRounds.store(std::clamp(caller, 0, 100000), std::memory_order_relaxed);
+    m_WorkerRounds.store(std::clamp(worker, 0, 100000), std::memory_order_relaxed);
+}
+
+void TaskPool::Execute(TCO_CompoundRunnableBase& runnable, int num_subtasks) {
+    Job job;
+    job.runnable = &runnable;
+    job.num_subtasks = num_subtasks;
+    job.token = running_subtask().token;
+    const bool alone = NumberOfServers() == 1 || num_subtasks == 1 || running_subtask().in_compound_task;
+    if (alone) {
+        DrawSubtasks(job, running_subtask().server);
+    } else {
+        // Publish the job, help with it, and wait for those who joined.
+        StartWorkers();
+        {
+            const std::lock_guard<std::mutex> lock(m_Mutex);
+            m_Jobs.push_back(&job);
+        }
+        m_Generation.fetch_add(1);
+        WakeWorkers(num_subtasks - 1);
+        DrawSubtasks(job, 0);
+        {
+            const std::lock_guard<std::mutex> lock(m_Mutex);
+            m_Jobs.erase(std::find(m_Jobs.begin(), m_Jobs.end(), &job));
+        }
+        WaitForWorkers(job);
+    }
+    if (job.failure) {
+        std::rethrow_exception(job.failure);
+    }
+}
+
+void TaskPool::StartWorkers() {
+    if (m_Started.load(std::memory_order_acquire)) {
+        return;
+    }
+    const std::lock_guard<std::mutex> lock(m_Mutex);
+    if (m_Started.load(std::memory_order_relaxed)) {
+        return;
+    }
+    m_Oversubscribed = m_Servers.load() > number_of_processors();
+    try {
+        for (int server = 1; server < m_Servers.load(); ++server) {
+            m_Threads.emplace_back(&TaskPool::RunWorker, this, server);
+        }
+    } catch (const std::exception&) {
+        // Fewer workers than wished for do the same work, the caller alone if need be.
+    }
+    m_Started.store(true, std::memory_order_release);
+}
+
+void TaskPool::StopWorkers() {
+    std::vector<std::thread> threads;
+    {
+        const std::lock_guard<std::mutex> lock(m_Mutex);
+        threads.swap(m_Threads);
+        m_Started.store(false);
+        m_Stopping.store(true);
+        m_Generation.fetch_add(1);
+        m_WorkersWake.notify_all();
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    m_Stopping.store(false);
+}
+
+void TaskPool::RunWorker(int server) {
+    while (true) {
+        const std::uint32_t seen_generation = m_Generation.load();
+        if (m_Stopping.load()) {
+            return;
+        }
+        if (Job* const job = JoinOldestJob()) {
+            DrawSubtasks(*job, server);
+            LeaveJob(*job);
+        } else {
+            WaitForJobs(seen_generation);
+        }
+    }
+}
+
+TaskPool::Job* TaskPool::JoinOldestJob() {
+    const std::lock_guard<std::mutex> lock(m_Mutex);
+    const auto open = std::find_if(m_Jobs.begin(), m_Jobs.end(), [](const Job* job) { return !job->IsExhausted(); });
+    if (open == m_Jobs.end()) {
+        return nullptr;
+    }
+    (*open)->workers.fetch_add(1);
+    return *open;
+}
+
+// The job may be gone as soon as the count is down: only the pool is touched after that.
+void TaskPool::LeaveJob(Job& job) {
+    if (job.workers.fetch_sub(1) == 1 && m_SleepingCallers.load() > 0) {
+        const std::lock_guard<std::mutex> lock(m_Mutex);
+        m_CallersWake.notify_all();
+    }
+}
+
+void TaskPool::DrawSubtasks(Job& job, int server) {
+    while (true) {
+        const int subtask = job.next.fetch_add(1, std::memory_order_relaxed);
+        if (subtask >= job.num_subtasks) {
+            return;
+        }
+        try {
+            const RunningScope scope({subtask, server, job.num_subtasks, true, job.token});
+            job.runnable->Run();
+        } catch (...) {
+            const std::lock_guard<std::mutex> lock(job.failure_mutex);
+            if (!job.failure || subtask < job.failed_subtask) {
+                job.failure = std::current_exception();
+                job.failed_subtask = subtask;
+            }
+        }
+    }
+}
+
+void TaskPool::WaitForJobs(std::uint32_t seen_generation) {
+    const int rounds = m_WorkerRounds.load(std::memory_order_relaxed);
+    for (int round = 0; round < rounds; ++round) {
+        if (m_Generation.load(std::memory_order_acquire) != seen_generation) {
+            return;
+        }
+        Spin();
+    }
+    std::unique_lock<std::mutex> lock(m_Mutex);
+    m_SleepingWorkers.fetch_add(1);
+    m_WorkersWake.wait(lock, [&] { return m_Generation.load() != seen_generation; });
+    m_SleepingWorkers.fetch_sub(1);
+}
+
+void TaskPool::WaitForWorkers(const Job& job) {
+    const int rounds = m_CallerRounds.load(std::memory_order_relaxed);
+    for (int round = 0; round < rounds; ++round) {
+        if (job.workers.load(std::memory_order_acquire) == 0) {
+            return;
+        }
+        Spin();
+    }
+    std::unique_lock<std::mutex> lock(m_Mutex);
+    m_SleepingCallers.fetch_add(1);
+    m_CallersWake.wait(lock, [&] { return job.workers.load() == 0; });
+    m_SleepingCallers.fetch_sub(1);
+}
+
+void TaskPool::WakeWorkers(int wanted) {
+    // A worker that is about to sleep counts itself first and then looks at the generation, so it is seen here or sees
+    // the new job.
+    const int sleeping = m_SleepingWorkers.load();
+    if (sleeping == 0) {
+        return;
+    }
+    const std::lock_guard<std::mutex> lock(m_Mutex);
+    if (wanted >= sleeping) {
+        m_WorkersWake.notify_all();
+        return;
+    }
+    for (int i = 0; i < wanted; ++i) {
+        m_WorkersWake.notify_one();
+    }
+}
+
+void TaskPool::Spin() const {
+    if (m_Oversubscribed) {
+        std::this_thread::yield();
+        return;
+    }
+    for (int i = 0; i < kPausesPerRound; ++i) {
+        pause_once();
+    }
+}
+
+}  // namespace reference_host
