@@ -1,0 +1,26 @@
+#include "ip_volr/kernels/brick_gather.h"
+
+namespace ip_volr::kernels {
+
+namespace {
+
+void interleave_plane(const std::uint16_t* const* rows, std::uint64_t wanted, std::uint16_t flip, std::uint32_t* out) {
+    for (int r = 0; r < kPairRows; r++, out += kPairRow) {
+        if ((wanted >> r & 1) == 0) {
+            continue;
+        }
+        for (int x = 0; x < kGatherEdge; x++) {
+            const std::uint32_t low = rows[r][x] ^ flip;
+            const std::uint32_t high = rows[r + 1][x] ^ flip;
+            out[x] = low | high << 16;
+        }
+    }
+}
+
+}  // namespace
+
+void fill_gather_scalar(GatherKernels& table) {
+    table.interleave_plane = interleave_plane;
+}
+
+}  // namespace ip_volr::kernels
