@@ -64,15 +64,18 @@ struct PagerStatistics {
     std::int64_t total_spilled_bytes = 0;  // written to the spill file, ever
     std::int64_t total_allocations = 0;    // Allocate calls, ever
     std::int64_t total_maps = 0;           // blocks mapped, ever
+    std::int64_t total_map_calls = 0;      // Map and MapMemPagerInfoVec calls on blocks, ever: what refuse_map counts
 };
 
 IP_HOST_API PagerStatistics GetPagerStatistics();
 IP_HOST_API void ResetPagerPeaks();
 
-// Memory budget in bytes; 0 restores the default (three quarters of the machine's memory).
+// Memory budget in bytes; 0 restores the default (three quarters of the memory of the machine, or of the container that
+// the process is confined to). What is beyond a lower budget is written out before the call returns.
 IP_HOST_API void SetMemoryBudget(std::int64_t bytes);
 IP_HOST_API std::int64_t GetMemoryBudget();
 // Folder of the spill file (unlinked as soon as it is open); empty restores the system's folder for temporary files.
+// Blocks that are spilled already stay where they are.
 IP_HOST_API void SetSpillFolder(const std::string& folder);
 
 // For tests. Counts restart with each call.
@@ -80,7 +83,9 @@ struct PagerFaults {
     std::int64_t refuse_allocation = 0;    // refuse the k-th allocation from now (1 is the next); 0 none
     std::int64_t refuse_map = 0;           // refuse the k-th mapping call from now; 0 none
     std::int64_t refuse_above_bytes = 0;   // refuse every allocation above this size; 0 none
-    std::int64_t refuse_mapped_above = 0;  // refuse mappings that would map more bytes than this at once; 0 none
+    std::int64_t refuse_mapped_above = 0;  // refuse calls after which more bytes than this would be mapped; 0 none
+    std::int64_t fail_spill_write = 0;     // fail the k-th write of a block to the spill file; 0 none, -1 all
+    std::int64_t fail_spill_read = 0;      // fail the k-th read of a block from the spill file; 0 none, -1 all
 };
 IP_HOST_API void SetPagerFaults(const PagerFaults& faults);
 

@@ -1,0 +1,124 @@
+#include "host/reference/pager_memory.h"
+
+#include <algorithm>
+#include <atomic>
+#include <fstream>
+#include <new>
+#include <string>
+
+#if defined(_WIN32)
+#include <windows.h>
+#else
+#include <sys/mman.h>
+#include <unistd.h>
+#endif
+
+namespace reference_host {
+
+namespace {
+
+constexpr std::size_t kCacheLine = 64;
+constexpr std::size_t kLinesPerPage = 64;
+constexpr std::size_t kPage = kCacheLine * kLinesPerPage;
+constexpr std::size_t kHugePage = std::size_t{2} << 20;
+constexpr std::int64_t kSmallBlock = 32 * 1024;  // up to this size the heap is cheaper and packs better
+
+// Cache line of the page at which the next block begins. Neighbours in time lie 17 lines apart, and 64 blocks use every
+// line once.
+std::size_t next_line() {
+    static std::atomic<unsigned> count{0};
+    return (count.fetch_add(1, std::memory_order_relaxed) * 17U) % kLinesPerPage;
+}
+
+#if defined(_WIN32)
+
+void* map_pages(std::size_t length) {
+    return VirtualAlloc(nullptr, length, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE);
+}
+
+void unmap_pages(void* base, std::size_t /*length*/) {
+    VirtualFree(base, 0, MEM_RELEASE);
+}
+
+#else
+
+void* map_anonymous(std::size_t length) {
+    void* const base = mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    return base == MAP_FAILED ? nullptr : base;
+}
+
+// Pages aligned so that huge ones fit; what sticks out at both ends is given back.
+void* map_huge_pages(std::size_t length) {
+    char* const base = static_cast<char*>(map_anonymous(length + kHugePage));
+    if (base == nullptr) {
+        return nullptr;
+    }
+    const std::size_t misaligned = reinterpret_cast<std::uintptr_t>(base) % kHugePage;
+    const std::size_t before = misaligned == 0 ? 0 : kHugePage - misaligned;
+    if (before > 0) {
+        munmap(base, before);
+    }
+    munmap(base + before + length, kHugePage - before);
+#if defined(MADV_HUGEPAGE)
+    madvise(base + before, length, MADV_HUGEPAGE);
+#endif
+    return base + before;
+}
+
+void* map_pages(std::size_t length) {
+    void* const base = length >= kHugePage ? map_huge_pages(length) : nullptr;
+    return base != nullptr ? base : map_anonymous(length);
+}
+
+void unmap_pages(void* base, std::size_t length) {
+    munmap(base, length);
+}
+
+// The number at the start of a file, or `otherwise` when there is none ("max" means no limit).
+std::int64_t read_number(const char* path, std::int64_t otherwise) {
+    std::ifstream file(path);
+    std::int64_t number = 0;
+    return file >> number && number > 0 ? number : otherwise;
+}
+
+#endif
+
+}  // namespace
+
+BlockMemory allocate_block_memory(std::int64_t bytes) {
+    BlockMemory memory;
+    if (bytes <= kSmallBlock) {
+        const std::size_t size = static_cast<std::size_t>(std::max<std::int64_t>(bytes, 1));
+        memory.base = ::operator new (size, std::align_val_t{kCacheLine}, std::nothrow);
+        memory.address = memory.base;
+        return memory;
+    }
+    const std::size_t first = next_line() * kCacheLine;
+    memory.length = (static_cast<std::size_t>(bytes) + first + kPage - 1) / kPage * kPage;
+    memory.base = map_pages(memory.length);
+    memory.address = memory.base != nullptr ? static_cast<char*>(memory.base) + first : nullptr;
+    return memory;
+}
+
+void release_block_memory(const BlockMemory& memory) {
+    if (memory.length == 0) {
+        ::operator delete (memory.base, std::align_val_t{kCacheLine});
+    } else if (memory.base != nullptr) {
+        unmap_pages(memory.base, memory.length);
+    }
+}
+
+std::int64_t machine_memory_bytes() {
+#if defined(_WIN32)
+    MEMORYSTATUSEX status{};
+    status.dwLength = sizeof status;
+    return GlobalMemoryStatusEx(&status) != 0 ? static_cast<std::int64_t>(status.ullTotalPhys) : std::int64_t{4} << 30;
+#else
+    const std::int64_t machine = static_cast<std::int64_t>(sysconf(_SC_PHYS_PAGES)) * sysconf(_SC_PAGESIZE);
+    const std::int64_t container = std::min(read_number("/sys/fs/cgroup/memory.max", machine),
+                                            read_number("/sys/fs/cgroup/memory/memory.limit_in_bytes", machine));
+    return std::min(machine, container);
+#endif
+}
+
+}  // namespace reference_host
