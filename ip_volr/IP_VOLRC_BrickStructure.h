@@ -6,11 +6,13 @@
 
 #include <list>
 #include <memory>
+#include <utility>
 #include <vector>
 
 class IP_Box;
 class IP_VolData;
 struct IP_VOLRC_BrickStorage;
+struct IP_VOLRC_ColorSource;
 struct IP_VOLRC_MinMaxScratch;
 
 // Names a brick by its indices along the three axes.
@@ -150,15 +152,18 @@ private:
     void CalculateLuminosityBlock();
     void UpdateTissuesInParrallel();
 
-    void RunOnWorkers(void (IP_VOLRC_BrickStructure::*method)());
-    void InitSingleBrickLayerMinMax(int layer);
-    bool ComputeAllMinMax();
-    void AllocateMinMaxScratch();
-    void FreeMinMaxScratch();
+    bool BuildRecords(const IP_VolData& volume);
     void Release();
-    void BindStorage();
+    void RunOnWorkers(void (IP_VOLRC_BrickStructure::*method)());
+    std::pair<int, int> LayerRun(int subtask, int num_subtasks) const;
+    bool ComputeAllMinMax();
+    bool ComputeUpdatedMinMax();
+    void InitSingleBrickLayerMinMax(int layer, int worker_index);
+    void LoadTissueTables();
+    void BuildPrefixTables();
     void CalcLuminosityTables();
     void EvaluateLayers(int first, int last);
+    void ClearTissues();
 
     int m_NumBricksX = 0;
     int m_NumBricksY = 0;
@@ -183,6 +188,7 @@ private:
     int m_MaxLayerLoaded = 0;
     std::vector<int> m_UpdatedLayers;
     int m_LargestLayerSize = 0;
-    // Per-worker buffers, alive while minimum and maximum values are computed.
-    std::shared_ptr<IP_VOLRC_MinMaxScratch> m_MinMaxScratch;
+    // Alive while the work that they belong to runs.
+    IP_VOLRC_MinMaxScratch* m_MinMaxScratch = nullptr;
+    const IP_VOLRC_ColorSource* m_ColorSource = nullptr;
 };
