@@ -32,7 +32,7 @@ IP_VOLRC_BrickData::IP_VOLRC_BrickData() {
 }
 
 // QUIRK(init-octree): a reader expects all leaves to be computed; only leaf 0 of each octant is, since the brick
-// structure fills the tables layer by layer. Kept: callers rely on it.
+// structure fills the tables layer by layer; kept: callers rely on it.
 void IP_VOLRC_BrickData::InitOctree(IP_VolData* volume) {
     for (int octant = 0; octant < kNumOctants; ++octant) {
         int origin_vox[3];

@@ -68,8 +68,8 @@ public:
 
     int GetNumOpaqueLeaves() const { return m_NumOpaqueLeaves; }  // luminous leaves of the 8 octants
     int GetNumOpaqueCells() const { return m_NumOpaqueCells; }    // their voxels
-    // QUIRK(set-num-opaque-cells): a reader expects the number of cells to be written; the number of leaves is.
-    // Kept: callers rely on it.
+    // QUIRK(set-num-opaque-cells): a reader expects the number of cells to be written; the number of leaves is;
+    // kept: callers rely on it.
     void SetNumOpaqueCells(int n) { m_NumOpaqueLeaves = n; }
 
     // Tissues 0 to 15 that occur in the brick; 15 is "no tissue".

@@ -11,7 +11,7 @@
 namespace {
 
 // Row of the stored protocol index plus one.
-// QUIRK(protocol-duplicate): a reader expects index -1 to have a file of its own; it shares the one of index 1. Kept:
+// QUIRK(protocol-duplicate): a reader expects index -1 to have a file of its own; it shares the one of index 1; kept:
 // callers rely on it.
 constexpr const char* kProtocolFiles[] = {
     "d:\\images\\protocols\\protocol.angio1",     "d:\\images\\protocols\\protocol.abd1",

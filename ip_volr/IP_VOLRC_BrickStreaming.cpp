@@ -3,6 +3,7 @@
 #include "host/tasks.h"
 #include "ip_volr/IP_VOLRC_BrickMinMaxScratch.h"
 #include "ip_volr/IP_VOLRC_BrickSlices.h"
+#include "ip_volr/IP_VOLRC_BrickStorage.h"
 #include "ip_volr/IP_VOLRC_BrickStructure.h"
 #include "ip_volr/IP_VOLR_Trace.h"
 
@@ -20,7 +21,7 @@ constexpr int kSlicesPerLayer = IP_VOLRC_BrickData::kEdge;
 
 // QUIRK(streaming-layer-offset): a reader expects a slice to mark its own layer and, at a boundary, the one below whose
 // overlap it is; the slice two above marks its layer only (the padded volume starts two slices earlier). The overlap of
-// the layer below may be stale by one voxel. Kept: callers rely on it.
+// the layer below may be stale by one voxel; kept: callers rely on it.
 void IP_VOLRC_BrickStructure::PrepareUpdatedBricksVector(std::list<int>* new_slices) {
     m_UpdatedLayers.clear();
     if (new_slices == nullptr) {
@@ -28,11 +29,9 @@ void IP_VOLRC_BrickStructure::PrepareUpdatedBricksVector(std::list<int>* new_sli
     }
     std::vector<bool> is_updated(m_NumBricksZ, false);
     for (const int slice : *new_slices) {
-        if (slice >= 0 && slice / kSlicesPerLayer < m_NumBricksZ) {
-            const int layer = (slice + 2) / kSlicesPerLayer;
-            if (layer < m_NumBricksZ) {
-                is_updated[layer] = true;
-            }
+        const long long layer = (slice + 2LL) / kSlicesPerLayer;
+        if (slice >= 0 && layer < m_NumBricksZ) {
+            is_updated[layer] = true;
         }
     }
     for (int layer = 0; layer < m_NumBricksZ; ++layer) {

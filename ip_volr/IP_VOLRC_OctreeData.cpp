@@ -77,7 +77,7 @@ void IP_VOLRC_OctreeData::CalcMinMaxVals(IP_VolData* volume, int leaf, int* cons
 }
 
 // QUIRK(node-luminosity-bit): a reader expects mode 2 to test one given leaf of the node; the bit tested is the one of
-// the node's own index. Kept: callers rely on it.
+// the node's own index; kept: callers rely on it.
 int IP_VOLRC_OctreeData::FindNodeLuminosity(int mode, int node) const {
     const unsigned luminosity = m_LeavesLuminosity[node];
     if (mode == 1) {
