@@ -2,12 +2,12 @@
 
 #include "scene/error.h"
 
+#include <unistd.h>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <unistd.h>
 
 namespace scene {
 
@@ -40,7 +40,8 @@ OutputFile::OutputFile(std::string path) : m_Path(std::move(path)) {
         throw Error(ErrorKind::kFailed, m_Path, "is a folder", "name a file");
     }
     const bool special = fs::exists(m_Path, ignored) && !fs::is_regular_file(m_Path, ignored);
-    m_Temporary = TemporaryBeside(special ? (fs::temp_directory_path() / fs::path(m_Path).filename()).string() : m_Path);
+    m_Temporary =
+        TemporaryBeside(special ? (fs::temp_directory_path() / fs::path(m_Path).filename()).string() : m_Path);
     if (!std::ofstream(m_Temporary, std::ios::binary)) {
         Fail(m_Path, std::string("cannot be written: ") + std::strerror(errno));
     }

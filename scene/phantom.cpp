@@ -17,23 +17,27 @@ using phantom::Shapes;
 using phantom::Tube;
 
 constexpr int kLargestEdge = 4096;
-constexpr double kFieldMm = 256.0;          // width of the field of view
-constexpr double kFieldHeightMm = 240.0;    // and its height
+constexpr double kFieldMm = 256.0;                // width of the field of view
+constexpr double kFieldHeightMm = 240.0;          // and its height
 constexpr Vec3 kMiddleMm = {0.0, -150.0, 600.0};  // where the scanner put the volume's middle
 
 void CheckSize(const std::array<int, 3>& size) {
     for (const int n : size) {
         if (n < 1 || n > kLargestEdge) {
-            throw Error(ErrorKind::kInput, "phantom", "size " + std::to_string(n) + " is out of range", "1 to 4096 voxels an edge");
+            throw Error(ErrorKind::kInput, "phantom", "size " + std::to_string(n) + " is out of range",
+                        "1 to 4096 voxels an edge");
         }
     }
 }
 
 // Spacing that makes the field of view fill the volume; a millimetre number that a file keeps exactly.
-double Spacing(double extent_mm, int voxels) { return std::max(0.001, std::round(1e4 * extent_mm / voxels) * 1e-4); }
+double Spacing(double extent_mm, int voxels) {
+    return std::max(0.001, std::round(1e4 * extent_mm / voxels) * 1e-4);
+}
 
 // A straight vessel of one radius, points one voxel apart.
-Vessel StraightVessel(std::string name, int value_hu, const Vec3& from_mm, const Vec3& to_mm, double radius_mm, double step_mm) {
+Vessel StraightVessel(std::string name, int value_hu, const Vec3& from_mm, const Vec3& to_mm, double radius_mm,
+                      double step_mm) {
     Vessel vessel{std::move(name), -1, value_hu, {}};
     const int steps = std::max(1, static_cast<int>(Length(to_mm - from_mm) / step_mm));
     for (int i = 0; i <= steps; ++i) {
@@ -53,7 +57,9 @@ void AddBlocks(const std::array<int, 3>& size, Shapes& shapes) {
                 const int shift = (bx + by + bz) % 3 - 1;
                 const bool bone = (bx + by + bz) % 2 == 0;
                 const std::array<int, 3> first = {bx * kPitch + shift, by * kPitch + shift, bz * kPitch + shift};
-                shapes.blocks.push_back({first, {first[0] + kEdge, first[1] + kEdge, first[2] + kEdge}, bone ? 1000.0 : 60.0,
+                shapes.blocks.push_back({first,
+                                         {first[0] + kEdge, first[1] + kEdge, first[2] + kEdge},
+                                         bone ? 1000.0 : 60.0,
                                          bone ? kLabelBone : kLabelSoftTissue});
             }
         }
@@ -69,7 +75,8 @@ std::vector<Vessel> BrickVessels(const Phantom& phantom) {
     const double y = (-0.5 * phantom.size[1] + 12.0) * s.y;
     for (int radius = 1; radius <= 6; ++radius) {
         const double z = half_height * (-0.9 + 0.3 * radius - 0.15);
-        vessels.push_back(StraightVessel("tube_" + std::to_string(radius), 240 + 30 * radius, {-0.9 * half_width, y, z - 0.1 * half_height},
+        vessels.push_back(StraightVessel("tube_" + std::to_string(radius), 240 + 30 * radius,
+                                         {-0.9 * half_width, y, z - 0.1 * half_height},
                                          {0.9 * half_width, y, z + 0.1 * half_height}, radius * s.x, s.x));
     }
     return vessels;
@@ -92,7 +99,8 @@ Phantom MakePhantom(const PhantomRequest& request) {
     const bool head = request.kind == PhantomKind::kHead;
     const double in_plane = head ? Spacing(kFieldMm, widest) : 1.0;
     result.spacing_mm = {in_plane, in_plane, head ? Spacing(kFieldHeightMm, request.size[2]) : 1.0};
-    const Vec3 first_from_middle = {-0.5 * (result.size[0] - 1) * result.spacing_mm.x, -0.5 * (result.size[1] - 1) * result.spacing_mm.y,
+    const Vec3 first_from_middle = {-0.5 * (result.size[0] - 1) * result.spacing_mm.x,
+                                    -0.5 * (result.size[1] - 1) * result.spacing_mm.y,
                                     -0.5 * (result.size[2] - 1) * result.spacing_mm.z};
     result.origin_mm = kMiddleMm + first_from_middle;
 
@@ -125,9 +133,11 @@ std::string CentreLinesJson(const Phantom& phantom) {
     for (const Vessel& v : phantom.vessels) {
         nlohmann::ordered_json points = nlohmann::ordered_json::array();
         for (const VesselPoint& p : v.points) {
-            points.push_back({rounded(p.position_mm.x), rounded(p.position_mm.y), rounded(p.position_mm.z), rounded(p.radius_mm)});
+            points.push_back(
+                {rounded(p.position_mm.x), rounded(p.position_mm.y), rounded(p.position_mm.z), rounded(p.radius_mm)});
         }
-        json["vessels"].push_back({{"name", v.name}, {"parent", v.parent}, {"value_hu", v.value_hu}, {"points", std::move(points)}});
+        json["vessels"].push_back(
+            {{"name", v.name}, {"parent", v.parent}, {"value_hu", v.value_hu}, {"points", std::move(points)}});
     }
     return json.dump() + "\n";
 }

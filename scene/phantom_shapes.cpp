@@ -42,7 +42,9 @@ Range VoxelsBetween(double from_mm, double to_mm, double first_mm, double step_m
 }
 
 // Share of a voxel that lies inside a surface at a signed distance (mm, negative inside).
-double Coverage(double distance_mm, double edge_mm) { return std::clamp(0.5 - distance_mm / edge_mm, 0.0, 1.0); }
+double Coverage(double distance_mm, double edge_mm) {
+    return std::clamp(0.5 - distance_mm / edge_mm, 0.0, 1.0);
+}
 
 void Blend(Canvas& canvas, std::size_t i, double coverage, double value_hu, std::uint8_t label) {
     canvas.values[i] += static_cast<float>(coverage * (value_hu - canvas.values[i]));
@@ -51,7 +53,9 @@ void Blend(Canvas& canvas, std::size_t i, double coverage, double value_hu, std:
     }
 }
 
-double SquareRatio(double offset, double radius) { return std::isinf(radius) ? 0.0 : offset * offset / (radius * radius); }
+double SquareRatio(double offset, double radius) {
+    return std::isinf(radius) ? 0.0 : offset * offset / (radius * radius);
+}
 
 // Half the length of the chord that the ellipsoid scaled by `scale` cuts out of a row; negative for none.
 double HalfChord(const Ellipsoid& e, double rest, double scale) {
@@ -70,8 +74,8 @@ void PaintEllipsoidRow(const Ellipsoid& e, Canvas& canvas, int iy, double dz) {
         return;
     }
     const double inner = HalfChord(e, rest, std::max(0.0, 1.0 - edge_mm / thinnest));
-    const Range all = VoxelsBetween(e.centre_mm.x - outer, e.centre_mm.x + outer, canvas.first_mm.x, canvas.spacing_mm.x,
-                                    canvas.width);
+    const Range all = VoxelsBetween(e.centre_mm.x - outer, e.centre_mm.x + outer, canvas.first_mm.x,
+                                    canvas.spacing_mm.x, canvas.width);
     const std::size_t row = static_cast<std::size_t>(iy) * static_cast<std::size_t>(canvas.width);
     for (int ix = all.first; ix <= all.last; ++ix) {
         const double dx = canvas.X(ix) - e.centre_mm.x;
@@ -112,7 +116,8 @@ void PaintBlock(const Block& b, int iz, Canvas& canvas) {
     }
     for (int iy = std::max(0, b.first[1]); iy < std::min(canvas.height, b.last[1]); ++iy) {
         for (int ix = std::max(0, b.first[0]); ix < std::min(canvas.width, b.last[0]); ++ix) {
-            Blend(canvas, static_cast<std::size_t>(iy) * static_cast<std::size_t>(canvas.width) + static_cast<std::size_t>(ix),
+            Blend(canvas,
+                  static_cast<std::size_t>(iy) * static_cast<std::size_t>(canvas.width) + static_cast<std::size_t>(ix),
                   1.0, b.value_hu, b.label);
         }
     }
@@ -136,14 +141,16 @@ Window CoverCapsule(const VesselPoint& a, const VesselPoint& b, Canvas& canvas) 
     const double edge_mm = kEdgeVoxels * canvas.spacing_mm.x;
     const double reach = std::max(a.radius_mm, b.radius_mm) + edge_mm;
     const double z = canvas.first_mm.z;
-    if (z < std::min(a.position_mm.z, b.position_mm.z) - reach || z > std::max(a.position_mm.z, b.position_mm.z) + reach) {
+    if (z < std::min(a.position_mm.z, b.position_mm.z) - reach ||
+        z > std::max(a.position_mm.z, b.position_mm.z) + reach) {
         return {{0, -1}, {0, -1}};
     }
-    const Window window = {
-        VoxelsBetween(std::min(a.position_mm.x, b.position_mm.x) - reach, std::max(a.position_mm.x, b.position_mm.x) + reach,
-                      canvas.first_mm.x, canvas.spacing_mm.x, canvas.width),
-        VoxelsBetween(std::min(a.position_mm.y, b.position_mm.y) - reach, std::max(a.position_mm.y, b.position_mm.y) + reach,
-                      canvas.first_mm.y, canvas.spacing_mm.y, canvas.height)};
+    const Window window = {VoxelsBetween(std::min(a.position_mm.x, b.position_mm.x) - reach,
+                                         std::max(a.position_mm.x, b.position_mm.x) + reach, canvas.first_mm.x,
+                                         canvas.spacing_mm.x, canvas.width),
+                           VoxelsBetween(std::min(a.position_mm.y, b.position_mm.y) - reach,
+                                         std::max(a.position_mm.y, b.position_mm.y) + reach, canvas.first_mm.y,
+                                         canvas.spacing_mm.y, canvas.height)};
     for (int iy = window.y.first; iy <= window.y.last; ++iy) {
         float* row = canvas.coverage.data() + static_cast<std::size_t>(iy) * static_cast<std::size_t>(canvas.width);
         for (int ix = window.x.first; ix <= window.x.last; ++ix) {
@@ -166,7 +173,8 @@ void PaintTube(const Tube& tube, Canvas& canvas) {
     }
     for (int iy = touched.y.first; iy <= touched.y.last; ++iy) {
         for (int ix = touched.x.first; ix <= touched.x.last; ++ix) {
-            const std::size_t i = static_cast<std::size_t>(iy) * static_cast<std::size_t>(canvas.width) + static_cast<std::size_t>(ix);
+            const std::size_t i =
+                static_cast<std::size_t>(iy) * static_cast<std::size_t>(canvas.width) + static_cast<std::size_t>(ix);
             if (canvas.coverage[i] > 0.0F) {
                 Blend(canvas, i, canvas.coverage[i], tube.value_hu, tube.label);
                 canvas.coverage[i] = 0.0F;
@@ -188,7 +196,8 @@ void StoreSlice(const Canvas& canvas, std::uint64_t seed, double noise_hu, std::
         const float value = canvas.values[i] + static_cast<float>(noise_hu) * Noise(seed, first_voxel + i);
         phantom.voxels[first_voxel + i] = static_cast<std::int16_t>(std::lround(std::clamp(value, -1024.0F, 3071.0F)));
     }
-    std::copy(canvas.labels.begin(), canvas.labels.end(), phantom.labels.begin() + static_cast<std::ptrdiff_t>(first_voxel));
+    std::copy(canvas.labels.begin(), canvas.labels.end(),
+              phantom.labels.begin() + static_cast<std::ptrdiff_t>(first_voxel));
 }
 
 }  // namespace

@@ -32,18 +32,54 @@ Vec3 OnScalp(const Vec3& direction) {
 
 std::vector<Trunk> Trunks() {
     return {
-        {"subclavian", -1, 6.0, 4.0, {{16, -24, -124}, {26, -26, -112}, {46, -18, -102}, {72, -6, -100}, {120, 6, -112}}},
+        {"subclavian",
+         -1,
+         6.0,
+         4.0,
+         {{16, -24, -124}, {26, -26, -112}, {46, -18, -102}, {72, -6, -100}, {120, 6, -112}}},
         {"common_carotid", -1, 6.0, 5.0, {{13, -28, -124}, {20, -24, -100}, {27, -20, -76}, {31, -18, -56}}},
-        {"internal_carotid", 1, 4.5, 3.5, {{31, -18, -56}, {36, -8, -40}, {34, 2, -26}, {26, 0, -4}, {16, -8, 14}, {12, -14, 26}}},
-        {"external_carotid", 1, 3.5, 2.5, {{31, -18, -56}, {40, -26, -44}, {56, -20, -28}, {68, -4, -6}, OnScalp({0.98, -0.02, -0.25})}},
-        {"middle_cerebral", 2, 3.0, 1.5, {{12, -14, 26}, {26, -16, 32}, {42, -10, 40}, {50, 4, 52}, {46, 26, 66}, {30, 40, 80}}},
-        {"anterior_cerebral", 2, 2.5, 1.0, {{12, -14, 26}, {5, -34, 34}, {4, -56, 50}, {4, -56, 76}, {4, -30, 96}, {4, 10, 98}}},
-        {"superficial_temporal", 3, 2.5, 1.0, {OnScalp({0.98, -0.02, -0.25}), OnScalp({0.95, -0.15, 0.15}), OnScalp({0.85, -0.4, 0.4}),
-                                               OnScalp({0.6, -0.62, 0.55}), OnScalp({0.4, -0.6, 0.75})}},
-        {"facial", 3, 2.5, 1.0, {{40, -26, -44}, {50, -52, -38}, {45, -66, -24}, {34, -78, -10}, {24, -88, 6}, {15, -94, 22}}},
-        {"vertebral", 0, 2.5, 2.0, {{36, -22, -106}, {28, 2, -98}, {21, 24, -90}, {20, 28, -60}, {20, 30, -34}, {10, 34, -14}, {3, 26, 0}}},
+        {"internal_carotid",
+         1,
+         4.5,
+         3.5,
+         {{31, -18, -56}, {36, -8, -40}, {34, 2, -26}, {26, 0, -4}, {16, -8, 14}, {12, -14, 26}}},
+        {"external_carotid",
+         1,
+         3.5,
+         2.5,
+         {{31, -18, -56}, {37, -16, -42}, {45, -10, -22}, {54, -6, -4}, OnScalp({0.98, -0.02, -0.25})}},
+        {"middle_cerebral",
+         2,
+         3.0,
+         1.5,
+         {{12, -14, 26}, {26, -16, 32}, {42, -10, 40}, {50, 4, 52}, {46, 26, 66}, {30, 40, 80}}},
+        {"anterior_cerebral",
+         2,
+         2.5,
+         1.0,
+         {{12, -14, 26}, {5, -34, 34}, {4, -56, 50}, {4, -56, 76}, {4, -30, 96}, {4, 10, 98}}},
+        {"superficial_temporal",
+         3,
+         2.5,
+         1.0,
+         {OnScalp({0.98, -0.02, -0.25}), OnScalp({0.95, -0.15, 0.15}), OnScalp({0.85, -0.4, 0.4}),
+          OnScalp({0.6, -0.62, 0.55}), OnScalp({0.4, -0.6, 0.75})}},
+        {"facial",
+         3,
+         2.5,
+         1.0,
+         {{37, -16, -42}, {40, -50, -36}, {38, -66, -24}, {30, -76, -8}, {20, -82, 8}, {12, -82, 22}}},
+        {"vertebral",
+         0,
+         2.5,
+         2.0,
+         {{36, -22, -106}, {28, 2, -98}, {21, 24, -90}, {20, 28, -60}, {20, 30, -34}, {10, 34, -14}, {3, 26, 0}}},
         {"thyrocervical", 0, 4.0, 2.0, {{46, -18, -102}, {44, -24, -88}, {40, -10, -72}, {38, 14, -58}, {36, 34, -44}}},
-        {"occipital", 3, 2.0, 1.0, {{40, -26, -44}, {46, 0, -34}, {44, 34, -30}, {34, 62, -20}, {26, 80, 0}, OnScalp({0.25, 0.95, 0.1})}},
+        {"occipital",
+         3,
+         2.0,
+         1.0,
+         {{37, -16, -42}, {44, 2, -34}, {44, 34, -30}, {34, 62, -20}, {26, 80, 0}, OnScalp({0.25, 0.95, 0.1})}},
     };
 }
 
@@ -72,8 +108,8 @@ double RadiusMm(double radius_vox, double voxel_mm) {
     return radius_vox * std::min(voxel_mm, std::max(kWidestRadiusMm / kWidestRadiusVox, voxel_mm / radius_vox));
 }
 
-Vessel Tapered(std::string name, int parent, int value_hu, const std::vector<Vec3>& points, double first_vox, double last_vox,
-               double voxel_mm) {
+Vessel Tapered(std::string name, int parent, int value_hu, const std::vector<Vec3>& points, double first_vox,
+               double last_vox, double voxel_mm) {
     Vessel vessel{std::move(name), parent, value_hu, {}};
     for (std::size_t i = 0; i < points.size(); ++i) {
         const double t = points.size() > 1 ? static_cast<double>(i) / static_cast<double>(points.size() - 1) : 0.0;
@@ -88,7 +124,8 @@ bool InMuscle(const Vec3& p) {
         const Vec3 d = p - centre;
         return Length({d.x / radii.x, d.y / radii.y, d.z / radii.z}) < 1.0;
     };
-    const bool in_body = inside({0.0, 14.0, -70.0}, {40.0, 42.0, 120.0}) || inside({0.0, 12.0, -132.0}, {116.0, 52.0, 40.0});
+    const bool in_body =
+        inside({0.0, 22.0, -70.0}, {44.0, 54.0, 120.0}) || inside({0.0, 12.0, -132.0}, {116.0, 52.0, 40.0});
     const bool in_the_way = inside({0.0, 40.0, p.z}, {24.0, 44.0, 1.0}) || inside({0.0, -12.0, p.z}, {15.0, 14.0, 1.0});
     return in_body && !in_the_way && p.z < -34.0;
 }
@@ -101,8 +138,9 @@ std::vector<Vec3> GrowBranch(const Vec3& start, const Vec3& direction, double le
     for (double grown = 0.0; grown < length_mm; grown += kStrideMm) {
         for (int attempt = 0; attempt < 12; ++attempt) {
             const double spread = 0.25 + 0.12 * attempt;
-            const Vec3 bent = Normalised(heading + Vec3{random.Uniform(-spread, spread), random.Uniform(-spread, spread),
-                                                        random.Uniform(-spread, spread)});
+            const Vec3 bent =
+                Normalised(heading + Vec3{random.Uniform(-spread, spread), random.Uniform(-spread, spread),
+                                          random.Uniform(-spread, spread)});
             const Vec3 next = controls.back() + bent * kStrideMm;
             if (InMuscle(next)) {
                 controls.push_back(next);
@@ -114,19 +152,24 @@ std::vector<Vec3> GrowBranch(const Vec3& start, const Vec3& direction, double le
     return controls;
 }
 
-int ContrastHu(RandomStream& random) { return static_cast<int>(random.Uniform(250.0, 420.0)); }
+int ContrastHu(RandomStream& random) {
+    return static_cast<int>(random.Uniform(250.0, 420.0));
+}
 
 // Side branches of the vessels that pass through muscle, thinner than where they leave.
 void AddBranches(std::vector<Vessel>& vessels, double voxel_mm, RandomStream& random) {
     const std::size_t num_trunks = vessels.size();
     for (std::size_t t = 0; t < num_trunks; ++t) {
-        for (int k = 0; k < 5; ++k) {
+        for (int k = 0; k < 9; ++k) {
             const std::vector<VesselPoint>& trunk = vessels[t].points;
-            const auto at = static_cast<std::size_t>(random.Uniform(0.15, 0.95) * static_cast<double>(trunk.size() - 1));
+            const auto at =
+                static_cast<std::size_t>(random.Uniform(0.15, 0.95) * static_cast<double>(trunk.size() - 1));
             const VesselPoint origin = trunk[at];
-            const Vec3 direction = Normalised({random.Uniform(-1.0, 1.0), random.Uniform(-1.0, 1.0), random.Uniform(-0.6, 1.0)});
+            const Vec3 direction =
+                Normalised({random.Uniform(-1.0, 1.0), random.Uniform(-1.0, 1.0), random.Uniform(-0.6, 1.0)});
             const double length_mm = random.Uniform(25.0, 75.0);
-            const double first_vox = std::clamp(random.Uniform(0.35, 0.8) * origin.radius_mm / RadiusMm(1.0, voxel_mm), 1.0, 4.0);
+            const double first_vox =
+                std::clamp(random.Uniform(0.35, 0.8) * origin.radius_mm / RadiusMm(1.0, voxel_mm), 1.0, 4.0);
             if (!InMuscle(origin.position_mm)) {
                 continue;
             }
@@ -172,7 +215,8 @@ std::vector<Tube> Calcifications(const std::vector<Vessel>& vessels, double voxe
         const std::vector<VesselPoint>& points = vessels[v].points;
         const auto at = static_cast<std::size_t>(random.Uniform(0.2, 0.9) * static_cast<double>(points.size() - 1));
         const VesselPoint& p = points[at];
-        const Vec3 along = Normalised(points[std::min(at + 1, points.size() - 1)].position_mm - points[at - (at > 0 ? 1 : 0)].position_mm);
+        const Vec3 along = Normalised(points[std::min(at + 1, points.size() - 1)].position_mm -
+                                      points[at - (at > 0 ? 1 : 0)].position_mm);
         const Vec3 across = Normalised(Cross(along, {random.Uniform(-1.0, 1.0), random.Uniform(-1.0, 1.0), 0.37}));
         const double radius_mm = std::max(voxel_mm, p.radius_mm * random.Uniform(0.35, 0.6));
         const double value_hu = random.Uniform(850.0, 1300.0);

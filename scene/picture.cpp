@@ -43,8 +43,8 @@ public:
         std::string file;
         png_set_write_fn(m_Png, &file, Append, Flush);
         png_set_compression_level(m_Png, 4);
-        png_set_IHDR(m_Png, m_Info, static_cast<png_uint_32>(width), static_cast<png_uint_32>(height), bits, colour_type,
-                     PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
+        png_set_IHDR(m_Png, m_Info, static_cast<png_uint_32>(width), static_cast<png_uint_32>(height), bits,
+                     colour_type, PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
         png_write_info(m_Png, m_Info);
         const std::size_t row_bytes = bytes.size() / static_cast<std::size_t>(height);
         for (int y = 0; y < height; ++y) {
@@ -62,16 +62,19 @@ private:
 }  // namespace
 
 std::string EncodePng(const Picture& picture) {
-    const bool opaque = std::all_of(picture.pixels.begin(), picture.pixels.end(), [](std::uint32_t p) { return p >> 24 == 255; });
+    const bool opaque =
+        std::all_of(picture.pixels.begin(), picture.pixels.end(), [](std::uint32_t p) { return p >> 24 == 255; });
     std::vector<png_byte> bytes;
     bytes.reserve(picture.pixels.size() * 4);
     for (const std::uint32_t p : picture.pixels) {
-        bytes.insert(bytes.end(), {static_cast<png_byte>(p >> 16), static_cast<png_byte>(p >> 8), static_cast<png_byte>(p)});
+        bytes.insert(bytes.end(),
+                     {static_cast<png_byte>(p >> 16), static_cast<png_byte>(p >> 8), static_cast<png_byte>(p)});
         if (!opaque) {
             bytes.push_back(static_cast<png_byte>(p >> 24));
         }
     }
-    return Encoder().Encode(picture.width, picture.height, 8, opaque ? PNG_COLOR_TYPE_RGB : PNG_COLOR_TYPE_RGB_ALPHA, bytes);
+    return Encoder().Encode(picture.width, picture.height, 8, opaque ? PNG_COLOR_TYPE_RGB : PNG_COLOR_TYPE_RGB_ALPHA,
+                            bytes);
 }
 
 std::string EncodePng(const GreyPicture& picture) {
@@ -83,9 +86,13 @@ std::string EncodePng(const GreyPicture& picture) {
     return Encoder().Encode(picture.width, picture.height, 16, PNG_COLOR_TYPE_GRAY, bytes);
 }
 
-void WritePng(const std::string& path, const Picture& picture) { WriteFile(path, EncodePng(picture)); }
+void WritePng(const std::string& path, const Picture& picture) {
+    WriteFile(path, EncodePng(picture));
+}
 
-void WritePng(const std::string& path, const GreyPicture& picture) { WriteFile(path, EncodePng(picture)); }
+void WritePng(const std::string& path, const GreyPicture& picture) {
+    WriteFile(path, EncodePng(picture));
+}
 
 Picture ReadPng(const std::string& path) {
     png_image image{};

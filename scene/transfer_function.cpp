@@ -16,7 +16,8 @@ struct Bracket {
 
 template <class Point>
 Bracket Locate(const std::vector<Point>& points, double value) {
-    const auto after = std::upper_bound(points.begin(), points.end(), value, [](double v, const Point& p) { return v < p.value; });
+    const auto after =
+        std::upper_bound(points.begin(), points.end(), value, [](double v, const Point& p) { return v < p.value; });
     const auto above = static_cast<std::size_t>(after - points.begin());
     if (above == 0 || above == points.size()) {
         const std::size_t end = above == 0 ? 0 : points.size() - 1;
@@ -26,11 +27,17 @@ Bracket Locate(const std::vector<Point>& points, double value) {
     return {above - 1, above, (value - points[above - 1].value) / width};
 }
 
-double Interpolated(double a, double b, double share) { return a + (b - a) * share; }
+double Interpolated(double a, double b, double share) {
+    return a + (b - a) * share;
+}
 
-std::uint32_t Byte(double v) { return static_cast<std::uint32_t>(std::lround(std::clamp(v, 0.0, 1.0) * 255.0)); }
+std::uint32_t Byte(double v) {
+    return static_cast<std::uint32_t>(std::lround(std::clamp(v, 0.0, 1.0) * 255.0));
+}
 
-unsigned long long Weight(double w) { return static_cast<unsigned long long>(std::lround(std::clamp(w, 0.0, 1.0) * 65535.0)); }
+unsigned long long Weight(double w) {
+    return static_cast<unsigned long long>(std::lround(std::clamp(w, 0.0, 1.0) * 65535.0));
+}
 
 }  // namespace
 
@@ -49,7 +56,8 @@ std::array<double, 3> ColourAt(const TransferFunction& function, double value) {
     const Bracket b = Locate(function.colour, value);
     const ColourPoint& p = function.colour[b.below];
     const ColourPoint& q = function.colour[b.above];
-    return {Interpolated(p.red, q.red, b.share), Interpolated(p.green, q.green, b.share), Interpolated(p.blue, q.blue, b.share)};
+    return {Interpolated(p.red, q.red, b.share), Interpolated(p.green, q.green, b.share),
+            Interpolated(p.blue, q.blue, b.share)};
 }
 
 TransferFunction Adjusted(TransferFunction function, double shift, double opacity_factor) {

@@ -20,15 +20,16 @@ struct ColourPoint {
     double red, green, blue;  // 0 to 1
 };
 
-// Weights of the shading terms: a surface that faces the light shows colour * (ambient + diffuse) plus a white highlight.
+// Weights of the shading terms: a surface that faces the light shows colour * (ambient + diffuse) plus a white
+// highlight.
 struct Lighting {
     double ambient = 0.3;
     double diffuse = 0.75;
     double specular = 0.25;
 };
 
-// Piecewise linear over values, constant beyond the ends. Points are in ascending order of value; two points of one value
-// make a step.
+// Piecewise linear over values, constant beyond the ends. Points are in ascending order of value; two points of one
+// value make a step.
 struct TransferFunction {
     std::string name;
     std::string description;
@@ -40,8 +41,8 @@ struct TransferFunction {
     Lighting lighting;
 };
 
-double OpacityAt(const TransferFunction& function, double value);                    // per mm
-std::array<double, 3> ColourAt(const TransferFunction& function, double value);      // red, green, blue
+double OpacityAt(const TransferFunction& function, double value);                // per mm
+std::array<double, 3> ColourAt(const TransferFunction& function, double value);  // red, green, blue
 
 // The function with its values moved by `shift` (own unit) and its opacities multiplied by `opacity_factor`, at most 1.
 TransferFunction Adjusted(TransferFunction function, double shift, double opacity_factor);
@@ -52,8 +53,8 @@ TransferFunction Resolved(TransferFunction function, double background, double t
 // One colour for all values at and above `from_value`, of one opacity; nothing below.
 TransferFunction UniformColour(std::uint32_t rgb, double opacity_per_mm, double from_value);
 
-// Our JSON form: name, opacity [[value, opacity per mm], ...], colour [[value, r, g, b], ...], lighting {ambient, diffuse,
-// specular}; optional: description, values "own" or "relative". ToJson writes what FromJson reads.
+// Our JSON form: name, opacity [[value, opacity per mm], ...], colour [[value, r, g, b], ...], lighting {ambient,
+// diffuse, specular}; optional: description, values "own" or "relative". ToJson writes what FromJson reads.
 std::string ToJson(const TransferFunction& function);
 // `subject` names the text in errors. Throws Error of the input kind, which says what is wrong where.
 TransferFunction TransferFromJson(std::string_view text, const std::string& subject);

@@ -17,7 +17,8 @@ using Json = nlohmann::ordered_json;
 }
 
 // A list of rows of `columns` finite numbers, ascending in the first.
-std::vector<std::vector<double>> Rows(const Json& json, const char* key, std::size_t columns, const std::string& subject) {
+std::vector<std::vector<double>> Rows(const Json& json, const char* key, std::size_t columns,
+                                      const std::string& subject) {
     if (!json.contains(key) || !json[key].is_array() || json[key].empty()) {
         Refuse(subject, std::string("has no list \"") + key + "\"");
     }
@@ -78,7 +79,9 @@ std::string ToJson(const TransferFunction& function) {
     for (const ColourPoint& p : function.colour) {
         json["colour"].push_back({p.value, p.red, p.green, p.blue});
     }
-    json["lighting"] = {{"ambient", function.lighting.ambient}, {"diffuse", function.lighting.diffuse}, {"specular", function.lighting.specular}};
+    json["lighting"] = {{"ambient", function.lighting.ambient},
+                        {"diffuse", function.lighting.diffuse},
+                        {"specular", function.lighting.specular}};
     return json.dump(2) + "\n";
 }
 

@@ -26,7 +26,9 @@ constexpr std::array<NamedView, 6> kViews = {{
 }};
 
 // Turns by whole right angles stay exact, so that axis-aligned pictures are.
-double Radians(double degrees) { return degrees * (std::numbers::pi / 180.0); }
+double Radians(double degrees) {
+    return degrees * (std::numbers::pi / 180.0);
+}
 
 Vec3 TurnedDeg(const Vec3& v, const Vec3& axis, double degrees) {
     const double quarter = degrees / 90.0;
@@ -58,7 +60,8 @@ Vec3 Camera::PositionOnPlane(double x, double y) const {
 }
 
 Camera MakeCamera(const View& view, const Subject& subject) {
-    const auto base = std::find_if(kViews.begin(), kViews.end(), [&](const NamedView& v) { return v.view == view.face; });
+    const auto base =
+        std::find_if(kViews.begin(), kViews.end(), [&](const NamedView& v) { return v.view == view.face; });
     Vec3 down = base->down;
     Vec3 into = base->into;
 
@@ -85,8 +88,12 @@ Camera MakeCamera(const View& view, const Subject& subject) {
 
 PictureGeometry GeometryOf(const Camera& camera) {
     const double mm_per_pixel = 1.0 / camera.pixels_per_mm;
-    return {camera.width, camera.height, camera.PositionOnPlane(0.0, 0.0), camera.right * mm_per_pixel,
-            camera.down * mm_per_pixel, -camera.into};
+    return {camera.width,
+            camera.height,
+            camera.PositionOnPlane(0.0, 0.0),
+            camera.right * mm_per_pixel,
+            camera.down * mm_per_pixel,
+            -camera.into};
 }
 
 }  // namespace scene

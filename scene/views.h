@@ -30,7 +30,7 @@ struct View {
 
 // What is being looked at.
 struct Subject {
-    Vec3 middle_mm;           // middle of the volume, patient LPS
+    Vec3 middle_mm;            // middle of the volume, patient LPS
     double diameter_mm = 1.0;  // of a ball that holds the volume
 };
 
@@ -38,10 +38,10 @@ struct Subject {
 struct Camera {
     Vec3 right;
     Vec3 down;
-    Vec3 into;                // away from the viewer
-    Vec3 middle_mm;           // middle of the volume; it lies on the picture's plane
+    Vec3 into;       // away from the viewer
+    Vec3 middle_mm;  // middle of the volume; it lies on the picture's plane
     double pixels_per_mm = 1.0;
-    double centre_x = 0.0;    // pixel that shows the middle; whole numbers are pixel centres
+    double centre_x = 0.0;  // pixel that shows the middle; whole numbers are pixel centres
     double centre_y = 0.0;
     int width = 0;
     int height = 0;

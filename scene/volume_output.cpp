@@ -27,11 +27,12 @@ itk::ImageIOBase::Pointer MakeWriter(const std::string& path) {
     if (EndsWith(path, ".mha") || EndsWith(path, ".mhd")) {
         return itk::MetaImageIO::New().GetPointer();
     }
-    throw Error(ErrorKind::kInput, path, "is not a volume format that can be written", "end the name in .nii.gz, .nii, .nrrd, .mha or .mhd");
+    throw Error(ErrorKind::kInput, path, "is not a volume format that can be written",
+                "end the name in .nii.gz, .nii, .nrrd, .mha or .mhd");
 }
 
-void WriteWith(itk::ImageIOBase& writer, const std::string& path, const VolumeLayout& layout, itk::IOComponentEnum component,
-               const void* voxels) {
+void WriteWith(itk::ImageIOBase& writer, const std::string& path, const VolumeLayout& layout,
+               itk::IOComponentEnum component, const void* voxels) {
     writer.SetFileName(path);
     writer.SetNumberOfDimensions(3);
     const std::array<double, 3> spacing = ToArray(layout.spacing_mm);
@@ -51,13 +52,15 @@ void WriteWith(itk::ImageIOBase& writer, const std::string& path, const VolumeLa
     try {
         writer.Write(voxels);
     } catch (const itk::ExceptionObject& e) {
-        throw Error(ErrorKind::kFailed, path, std::string("cannot be written: ") + e.GetDescription(), "check the folder and free space");
+        throw Error(ErrorKind::kFailed, path, std::string("cannot be written: ") + e.GetDescription(),
+                    "check the folder and free space");
     }
 }
 
-// A header that names its data: both are written in a folder of their own beside the place, so that the header holds the
-// final name of the data, and moved in turn, data first.
-void WriteDetached(const std::string& path, const VolumeLayout& layout, itk::IOComponentEnum component, const void* voxels) {
+// A header that names its data: both are written in a folder of their own beside the place, so that the header holds
+// the final name of the data, and moved in turn, data first.
+void WriteDetached(const std::string& path, const VolumeLayout& layout, itk::IOComponentEnum component,
+                   const void* voxels) {
     namespace fs = std::filesystem;
     const OutputFile probe(path);
     const fs::path folder = probe.TemporaryPath() + ".d";
@@ -78,7 +81,8 @@ void WriteDetached(const std::string& path, const VolumeLayout& layout, itk::IOC
         fs::rename(header, path, error);
     }
     if (error) {
-        throw Error(ErrorKind::kFailed, path, "cannot be written: " + error.message(), "check the folder and free space");
+        throw Error(ErrorKind::kFailed, path, "cannot be written: " + error.message(),
+                    "check the folder and free space");
     }
 }
 
@@ -95,7 +99,9 @@ void WriteAny(const std::string& path, const VolumeLayout& layout, itk::IOCompon
 
 }  // namespace
 
-void CheckVolumePath(const std::string& path) { MakeWriter(path); }
+void CheckVolumePath(const std::string& path) {
+    MakeWriter(path);
+}
 
 void WriteVolume(const std::string& path, const VolumeLayout& layout, const std::int16_t* voxels) {
     WriteAny(path, layout, itk::IOComponentEnum::SHORT, voxels);

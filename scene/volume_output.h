@@ -19,8 +19,8 @@ struct VolumeLayout {
 // Throws Error of the input kind unless the path ends in .nii, .nii.gz, .nrrd, .mha or .mhd.
 void CheckVolumePath(const std::string& path);
 
-// Writes the file whole or not at all; the format follows the ending. .nii.gz is compressed; .mhd gets a .raw beside it.
-// Throws Error.
+// Writes the file whole or not at all; the format follows the ending. .nii.gz is compressed; .mhd gets a .raw beside
+// it. Throws Error.
 void WriteVolume(const std::string& path, const VolumeLayout& layout, const std::int16_t* voxels);
 void WriteVolume(const std::string& path, const VolumeLayout& layout, const std::uint8_t* voxels);
 
