@@ -1,0 +1,197 @@
+#include "scene/volume_source.h"
+
+#include "scene/error.h"
+#include "scene/parallel.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <sys/mman.h>
+#include <unistd.h>
+
+namespace scene {
+
+namespace {
+
+// A column of the 3 x 4 transform.
+Vec3 Column(const std::array<double, 12>& m, std::size_t i) { return {m[i], m[4 + i], m[8 + i]}; }
+
+// Lets the system take back memory whose content is not needed any more. Only whole pages inside the range.
+void GiveBack(void* first, std::size_t bytes) {
+    const auto page = static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE));
+    const std::uintptr_t from = (reinterpret_cast<std::uintptr_t>(first) + page - 1) / page * page;
+    const std::uintptr_t to = (reinterpret_cast<std::uintptr_t>(first) + bytes) / page * page;
+    if (from >= to) {
+        return;
+    }
+    void* const address = reinterpret_cast<void*>(from);
+    // Shared memory is freed by the first, private memory by the second; the other one refuses.
+    if (::madvise(address, to - from, MADV_REMOVE) != 0) {
+        ::madvise(address, to - from, MADV_DONTNEED);
+    }
+}
+
+std::string UniqueSeriesName() {
+    static std::atomic<unsigned> counter{0};
+    return "volr-" + std::to_string(counter.fetch_add(1)) + "-";
+}
+
+IP_ShortSlice* NewSlice(const PixelDataAttributes& attributes, const std::string& id) {
+    auto info = std::make_unique<MEM_PagerInfo>();
+    const auto bytes = static_cast<unsigned long long>(attributes.width) * static_cast<unsigned>(attributes.height) * 2;
+    if (MEM_MemPager::GetHandleForMP()->Allocate64(bytes, info.get(), 0) == -1) {
+        throw Error(ErrorKind::kFailed, "volume", "no memory for its slices", "raise --memory-budget or free disk space");
+    }
+    auto slice = std::make_unique<IP_ShortSlice>(info.get(), attributes, 0);
+    slice->SetOwnsData(true);
+    info.release();
+    slice->SetID(id.c_str());
+    return slice.release();
+}
+
+}  // namespace
+
+ValueHistogram::ValueHistogram(std::vector<std::uint64_t> counts, int first_stored, double slope, double intercept)
+    : m_Counts(std::move(counts)), m_FirstStored(first_stored), m_Slope(slope), m_Intercept(intercept) {
+    for (const std::uint64_t n : m_Counts) {
+        m_Total += n;
+    }
+}
+
+double ValueHistogram::Percentile(double share) const {
+    const double wanted = share * static_cast<double>(m_Total);
+    std::uint64_t seen = 0;
+    for (std::size_t i = 0; i < m_Counts.size(); ++i) {
+        seen += m_Counts[i];
+        if (m_Counts[i] > 0 && static_cast<double>(seen) >= wanted) {
+            return (m_FirstStored + static_cast<double>(i)) * m_Slope + m_Intercept;
+        }
+    }
+    return m_Intercept;
+}
+
+IP_Box PatientBox(const std::array<int, 3>& dims, const std::array<double, 12>& index_to_patient) {
+    IP_Box box(dims[0], dims[1], dims[2]);
+    float vecs[3][3];
+    Vec3 corner = Column(index_to_patient, 3);
+    for (std::size_t axis = 0; axis < 3; ++axis) {
+        const Vec3 step = Column(index_to_patient, axis);
+        const Vec3 side = step * dims[axis];
+        corner = corner - step * 0.5;
+        vecs[axis][0] = static_cast<float>(side.x);
+        vecs[axis][1] = static_cast<float>(side.y);
+        vecs[axis][2] = static_cast<float>(side.z);
+    }
+    const float start[3] = {static_cast<float>(corner.x), static_cast<float>(corner.y), static_cast<float>(corner.z)};
+    box.SetParams(vecs);
+    box.SetStart(start);
+    return box;
+}
+
+VolumeSource::VolumeSource(ImportedVolume&& imported) : m_Info(std::move(imported)) {
+    IP_Box box = PatientBox(m_Info.dims, m_Info.index_to_patient);
+    const auto volume = std::make_shared<IP_VolData>(&box, m_Info.dims[2]);
+    volume->SetRescaleTrans(m_Info.rescale_slope, m_Info.rescale_intercept);
+    m_Volumes.AddVolData(volume);
+    StoreSlices(m_Info.voxels);
+    m_Info.voxels = VoxelBuffer();
+}
+
+void VolumeSource::StoreSlices(const VoxelBuffer& voxels) {
+    const PixelDataAttributes attributes{m_Info.dims[0], m_Info.dims[1], Stored().bits, m_Info.is_signed};
+    const std::string series = UniqueSeriesName();
+    const std::size_t slice_voxels = static_cast<std::size_t>(m_Info.dims[0]) * static_cast<std::size_t>(m_Info.dims[1]);
+    ForEachIndex(m_Info.dims[2], [&](int iz) {
+        IP_ShortSlice* const slice = NewSlice(attributes, series + std::to_string(iz));
+        Volume()->SetSlice(slice, iz);
+        std::int16_t* const from = voxels.data() + slice_voxels * static_cast<std::size_t>(iz);
+        // A new block comes mapped; the copy ends that mapping.
+        std::memcpy(slice->GetMappedSlice() != nullptr ? slice->GetMappedSlice() : slice->GetData()->Ptr(), from, slice_voxels * 2);
+        slice->GetData()->Unmap();
+        GiveBack(from, slice_voxels * 2);
+    });
+}
+
+StoredValues VolumeSource::Stored() const {
+    return {m_Info.is_signed, std::clamp(m_Info.bits_stored, 8, 16), m_Info.rescale_slope, m_Info.rescale_intercept};
+}
+
+Vec3 VolumeSource::PatientPosition(const Vec3& index) const {
+    const std::array<double, 12>& m = m_Info.index_to_patient;
+    return Column(m, 0) * index.x + Column(m, 1) * index.y + Column(m, 2) * index.z + Column(m, 3);
+}
+
+Vec3 VolumeSource::VoxelIndex(const Vec3& position_mm) const {
+    // Columns are orthogonal, so the inverse is a projection on each.
+    const std::array<double, 12>& m = m_Info.index_to_patient;
+    const Vec3 p = position_mm - Column(m, 3);
+    const auto along = [&](std::size_t axis) { return Dot(p, Column(m, axis)) / Dot(Column(m, axis), Column(m, axis)); };
+    return {along(0), along(1), along(2)};
+}
+
+Subject VolumeSource::GetSubject() const {
+    const Vec3 middle = {0.5 * (m_Info.dims[0] - 1), 0.5 * (m_Info.dims[1] - 1), 0.5 * (m_Info.dims[2] - 1)};
+    double squared = 0.0;
+    for (std::size_t axis = 0; axis < 3; ++axis) {
+        const double extent = m_Info.dims[axis] * m_Info.spacing_mm[axis];
+        squared += extent * extent;
+    }
+    // One slice more, as the projection of slices allows for.
+    return {PatientPosition(middle), std::sqrt(squared) * (m_Info.dims[2] + 1.0) / m_Info.dims[2]};
+}
+
+int VolumeSource::StoredAt(const std::array<int, 3>& index) const {
+    auto* const slice = static_cast<IP_ShortSlice*>(m_Volumes.GetVolData(0)->GetSlice(index[2]));
+    if (slice == nullptr || slice->MapMemory() != 0) {
+        throw Error(ErrorKind::kFailed, "volume", "a slice cannot be brought back to memory", "free memory and try again");
+    }
+    const std::size_t i = static_cast<std::size_t>(index[1]) * static_cast<std::size_t>(m_Info.dims[0]) + static_cast<std::size_t>(index[0]);
+    const short stored = slice->GetMappedSlice()[i];
+    slice->UnmapMemory();
+    return m_Info.is_signed ? stored : static_cast<unsigned short>(stored);
+}
+
+const ValueHistogram& VolumeSource::Histogram() {
+    if (m_HistogramKnown) {
+        return m_Histogram;
+    }
+    std::vector<std::atomic<std::uint64_t>> totals(65536);
+    const std::size_t slice_voxels = static_cast<std::size_t>(m_Info.dims[0]) * static_cast<std::size_t>(m_Info.dims[1]);
+    ForEachIndex(m_Info.dims[2], [&](int iz) {
+        auto* const slice = static_cast<IP_ShortSlice*>(Volume()->GetSlice(iz));
+        if (slice->MapMemory() != 0) {
+            throw Error(ErrorKind::kFailed, "volume", "a slice cannot be brought back to memory", "free memory and try again");
+        }
+        std::vector<std::uint32_t> counts(65536);
+        const short* const pixels = slice->GetMappedSlice();
+        for (std::size_t i = 0; i < slice_voxels; ++i) {
+            ++counts[static_cast<std::uint16_t>(pixels[i])];
+        }
+        slice->UnmapMemory();
+        for (std::size_t v = 0; v < counts.size(); ++v) {
+            if (counts[v] != 0) {
+                totals[v].fetch_add(counts[v], std::memory_order_relaxed);
+            }
+        }
+    });
+    // Ascending values: two's complement starts at the middle.
+    std::vector<std::uint64_t> ascending(65536);
+    const std::size_t origin = m_Info.is_signed ? 32768 : 0;
+    for (std::size_t v = 0; v < ascending.size(); ++v) {
+        ascending[(v + origin) & 65535] = totals[v].load();
+    }
+    if (m_Info.padding_value) {
+        ascending[static_cast<std::size_t>(*m_Info.padding_value + static_cast<int>(origin)) & 65535] = 0;
+    }
+    m_Histogram = ValueHistogram(std::move(ascending), -static_cast<int>(origin), m_Info.rescale_slope, m_Info.rescale_intercept);
+    m_HistogramKnown = true;
+    return m_Histogram;
+}
+
+std::array<double, 2> VolumeSource::RelativeWindow() {
+    const double background = Histogram().Percentile(0.01);
+    const double top = Histogram().Percentile(0.995);
+    return {background, std::max(top, background + std::abs(m_Info.rescale_slope))};
+}
+
+}  // namespace scene
