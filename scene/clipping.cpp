@@ -27,7 +27,8 @@ IP_ClipManager ToClipManager(const std::vector<ClipPlane>& planes) {
     int id = 0;
     for (const ClipPlane& p : planes) {
         // The engines keep what is not positive.
-        const float equation[4] = {static_cast<float>(-p.a), static_cast<float>(-p.b), static_cast<float>(-p.c), static_cast<float>(-p.d)};
+        const float equation[4] = {static_cast<float>(-p.a), static_cast<float>(-p.b), static_cast<float>(-p.c),
+                                   static_cast<float>(-p.d)};
         IP_ClippingPlane* const plane = manager.NewClipPlane(id);
         plane->SetPlaneEq(equation);
         plane->SetID(id++);

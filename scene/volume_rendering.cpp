@@ -29,11 +29,14 @@ constexpr std::array<NamedQuality, 5> kQualities = {{
     {"interactive2", RenderQuality::kInteractive2, true, 2, 13104},
 }};
 
-const NamedQuality& Entry(RenderQuality quality) { return kQualities[static_cast<std::size_t>(quality)]; }
+const NamedQuality& Entry(RenderQuality quality) {
+    return kQualities[static_cast<std::size_t>(quality)];
+}
 
 // Rotation of patient axes about the volume's middle to the screen: right, down, away from the viewer.
 void ProjectionMatrix(const Camera& camera, float m[4][4]) {
-    const std::array<std::array<double, 3>, 3> screen = {ToArray(camera.right), ToArray(camera.down), ToArray(camera.into)};
+    const std::array<std::array<double, 3>, 3> screen = {ToArray(camera.right), ToArray(camera.down),
+                                                         ToArray(camera.into)};
     for (std::size_t i = 0; i < 4; ++i) {
         for (std::size_t j = 0; j < 4; ++j) {
             m[i][j] = i < 3 && j < 3 ? static_cast<float>(screen[j][i]) : (i == j ? 1.0F : 0.0F);
@@ -51,12 +54,15 @@ void ScreenMatrix(const Camera& camera, float m[4][4]) {
     std::copy(&rows[0][0], &rows[0][0] + 16, &m[0][0]);
 }
 
-int Layers(int slices) { return (slices + 4 + 31) / 32; }  // of 32 slices, two more slices at each end
+int Layers(int slices) {
+    return (slices + 4 + 31) / 32;
+}  // of 32 slices, two more slices at each end
 
 }  // namespace
 
 std::optional<RenderQuality> QualityByName(std::string_view name) {
-    const auto found = std::find_if(kQualities.begin(), kQualities.end(), [&](const NamedQuality& q) { return q.name == name; });
+    const auto found =
+        std::find_if(kQualities.begin(), kQualities.end(), [&](const NamedQuality& q) { return q.name == name; });
     return found != kQualities.end() ? std::optional(found->quality) : std::nullopt;
 }
 
@@ -83,7 +89,8 @@ void VolumeRendering::PassTables() {
         weights[i] = m_Lit ? tables.Weights() : nullptr;
     }
     m_Engine.SetColorTables(colours, weights, m_Source.Stored().bits, false);
-    m_Engine.SetLightingMode(m_Lit ? IP_VOLRC_VolumeRenderingRC::LIGHTING_ON : IP_VOLRC_VolumeRenderingRC::LIGHTING_OFF);
+    m_Engine.SetLightingMode(m_Lit ? IP_VOLRC_VolumeRenderingRC::LIGHTING_ON
+                                   : IP_VOLRC_VolumeRenderingRC::LIGHTING_OFF);
 }
 
 void VolumeRendering::SetClipping(const std::vector<ClipPlane>& planes) {
@@ -114,7 +121,8 @@ void VolumeRendering::SetView(const Camera& camera, const Light& light) {
     // The direction in which the light travels, on the screen.
     const double azimuth = light.azimuth_deg * std::numbers::pi / 180.0;
     const double elevation = light.elevation_deg * std::numbers::pi / 180.0;
-    double direction[3] = {-std::sin(azimuth) * std::cos(elevation), std::sin(elevation), std::cos(azimuth) * std::cos(elevation)};
+    double direction[3] = {-std::sin(azimuth) * std::cos(elevation), std::sin(elevation),
+                           std::cos(azimuth) * std::cos(elevation)};
     m_Engine.SetLightDirection(direction);
 }
 
@@ -129,18 +137,22 @@ Picture VolumeRendering::Draw(const Background& background) {
 }
 
 bool VolumeRendering::IsVisible(const Vec3& position_mm, double tolerance_mm) {
-    const IP_3Coord point(static_cast<float>(position_mm.x), static_cast<float>(position_mm.y), static_cast<float>(position_mm.z));
+    const IP_3Coord point(static_cast<float>(position_mm.x), static_cast<float>(position_mm.y),
+                          static_cast<float>(position_mm.z));
     return m_Engine.IsVisible(point, static_cast<float>(tolerance_mm));
 }
 
-Picture Developed(const std::vector<std::uint32_t>& raw, int width, int height, const Background& background, int stop_transparency) {
+Picture Developed(const std::vector<std::uint32_t>& raw, int width, int height, const Background& background,
+                  int stop_transparency) {
     // A stopped ray leaves at most the threshold, brightened like its colour. From there to twice as much, transparency
     // comes back linearly, so that no edge shows where rays are stopped.
     const double stop = stop_transparency / 65535.0;
     const int hidden = static_cast<int>(255.0 * stop * (1.0 + stop + stop * stop)) + 1;
     std::array<std::uint32_t, 256> see_through{};
     for (int t = 0; t < 256; ++t) {
-        see_through[static_cast<std::size_t>(t)] = static_cast<std::uint32_t>(t <= hidden ? 0 : t < 2 * hidden ? 2 * (t - hidden) : t);
+        see_through[static_cast<std::size_t>(t)] = static_cast<std::uint32_t>(t <= hidden      ? 0
+                                                                              : t < 2 * hidden ? 2 * (t - hidden)
+                                                                                               : t);
     }
     std::array<std::uint32_t, 256> exposed{};
     for (std::uint32_t c = 0; c < 256; ++c) {

@@ -65,6 +65,7 @@ private:
 // Turns what the engine leaves (colour premultiplied, at most half bright; remaining transparency in the top byte) into
 // a picture: full brightness, and what the engine stopped following because hardly anything shone through is opaque.
 // `stop_transparency` is the engine's threshold for that, 0 to 65535.
-Picture Developed(const std::vector<std::uint32_t>& raw, int width, int height, const Background& background, int stop_transparency);
+Picture Developed(const std::vector<std::uint32_t>& raw, int width, int height, const Background& background,
+                  int stop_transparency);
 
 }  // namespace scene

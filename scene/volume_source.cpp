@@ -3,18 +3,20 @@
 #include "scene/error.h"
 #include "scene/parallel.h"
 
+#include <sys/mman.h>
+#include <unistd.h>
 #include <algorithm>
 #include <atomic>
 #include <cstring>
-#include <sys/mman.h>
-#include <unistd.h>
 
 namespace scene {
 
 namespace {
 
 // A column of the 3 x 4 transform.
-Vec3 Column(const std::array<double, 12>& m, std::size_t i) { return {m[i], m[4 + i], m[8 + i]}; }
+Vec3 Column(const std::array<double, 12>& m, std::size_t i) {
+    return {m[i], m[4 + i], m[8 + i]};
+}
 
 // Lets the system take back memory whose content is not needed any more. Only whole pages inside the range.
 void GiveBack(void* first, std::size_t bytes) {
@@ -40,7 +42,8 @@ IP_ShortSlice* NewSlice(const PixelDataAttributes& attributes, const std::string
     auto info = std::make_unique<MEM_PagerInfo>();
     const auto bytes = static_cast<unsigned long long>(attributes.width) * static_cast<unsigned>(attributes.height) * 2;
     if (MEM_MemPager::GetHandleForMP()->Allocate64(bytes, info.get(), 0) == -1) {
-        throw Error(ErrorKind::kFailed, "volume", "no memory for its slices", "raise --memory-budget or free disk space");
+        throw Error(ErrorKind::kFailed, "volume", "no memory for its slices",
+                    "raise --memory-budget or free disk space");
     }
     auto slice = std::make_unique<IP_ShortSlice>(info.get(), attributes, 0);
     slice->SetOwnsData(true);
@@ -100,13 +103,14 @@ VolumeSource::VolumeSource(ImportedVolume&& imported) : m_Info(std::move(importe
 void VolumeSource::StoreSlices(const VoxelBuffer& voxels) {
     const PixelDataAttributes attributes{m_Info.dims[0], m_Info.dims[1], Stored().bits, m_Info.is_signed};
     const std::string series = UniqueSeriesName();
-    const std::size_t slice_voxels = static_cast<std::size_t>(m_Info.dims[0]) * static_cast<std::size_t>(m_Info.dims[1]);
+    const std::size_t slice_voxels =
+        static_cast<std::size_t>(m_Info.dims[0]) * static_cast<std::size_t>(m_Info.dims[1]);
     ForEachIndex(m_Info.dims[2], [&](int iz) {
         IP_ShortSlice* const slice = NewSlice(attributes, series + std::to_string(iz));
         Volume()->SetSlice(slice, iz);
         std::int16_t* const from = voxels.data() + slice_voxels * static_cast<std::size_t>(iz);
         // A new block comes mapped; the copy ends that mapping.
-        std::memcpy(slice->GetMappedSlice() != nullptr ? slice->GetMappedSlice() : slice->GetData()->Ptr(), from, slice_voxels * 2);
+        std::memcpy(slice->GetData()->Ptr(), from, slice_voxels * 2);
         slice->GetData()->Unmap();
         GiveBack(from, slice_voxels * 2);
     });
@@ -125,7 +129,9 @@ Vec3 VolumeSource::VoxelIndex(const Vec3& position_mm) const {
     // Columns are orthogonal, so the inverse is a projection on each.
     const std::array<double, 12>& m = m_Info.index_to_patient;
     const Vec3 p = position_mm - Column(m, 3);
-    const auto along = [&](std::size_t axis) { return Dot(p, Column(m, axis)) / Dot(Column(m, axis), Column(m, axis)); };
+    const auto along = [&](std::size_t axis) {
+        return Dot(p, Column(m, axis)) / Dot(Column(m, axis), Column(m, axis));
+    };
     return {along(0), along(1), along(2)};
 }
 
@@ -143,9 +149,11 @@ Subject VolumeSource::GetSubject() const {
 int VolumeSource::StoredAt(const std::array<int, 3>& index) const {
     auto* const slice = static_cast<IP_ShortSlice*>(m_Volumes.GetVolData(0)->GetSlice(index[2]));
     if (slice == nullptr || slice->MapMemory() != 0) {
-        throw Error(ErrorKind::kFailed, "volume", "a slice cannot be brought back to memory", "free memory and try again");
+        throw Error(ErrorKind::kFailed, "volume", "a slice cannot be brought back to memory",
+                    "free memory and try again");
     }
-    const std::size_t i = static_cast<std::size_t>(index[1]) * static_cast<std::size_t>(m_Info.dims[0]) + static_cast<std::size_t>(index[0]);
+    const std::size_t i = static_cast<std::size_t>(index[1]) * static_cast<std::size_t>(m_Info.dims[0]) +
+                          static_cast<std::size_t>(index[0]);
     const short stored = slice->GetMappedSlice()[i];
     slice->UnmapMemory();
     return m_Info.is_signed ? stored : static_cast<unsigned short>(stored);
@@ -156,11 +164,13 @@ const ValueHistogram& VolumeSource::Histogram() {
         return m_Histogram;
     }
     std::vector<std::atomic<std::uint64_t>> totals(65536);
-    const std::size_t slice_voxels = static_cast<std::size_t>(m_Info.dims[0]) * static_cast<std::size_t>(m_Info.dims[1]);
+    const std::size_t slice_voxels =
+        static_cast<std::size_t>(m_Info.dims[0]) * static_cast<std::size_t>(m_Info.dims[1]);
     ForEachIndex(m_Info.dims[2], [&](int iz) {
         auto* const slice = static_cast<IP_ShortSlice*>(Volume()->GetSlice(iz));
         if (slice->MapMemory() != 0) {
-            throw Error(ErrorKind::kFailed, "volume", "a slice cannot be brought back to memory", "free memory and try again");
+            throw Error(ErrorKind::kFailed, "volume", "a slice cannot be brought back to memory",
+                        "free memory and try again");
         }
         std::vector<std::uint32_t> counts(65536);
         const short* const pixels = slice->GetMappedSlice();
@@ -183,7 +193,8 @@ const ValueHistogram& VolumeSource::Histogram() {
     if (m_Info.padding_value) {
         ascending[static_cast<std::size_t>(*m_Info.padding_value + static_cast<int>(origin)) & 65535] = 0;
     }
-    m_Histogram = ValueHistogram(std::move(ascending), -static_cast<int>(origin), m_Info.rescale_slope, m_Info.rescale_intercept);
+    m_Histogram =
+        ValueHistogram(std::move(ascending), -static_cast<int>(origin), m_Info.rescale_slope, m_Info.rescale_intercept);
     m_HistogramKnown = true;
     return m_Histogram;
 }
