@@ -1,0 +1,72 @@
+// volr: pictures of medical image stacks from the command line.
+#include "apps/volr/verbs.h"
+#include "host/tasks.h"
+#include "ip_volr/IP_VOLR_Info.h"
+#include "scene/error.h"
+#include "scene/import/imported_volume.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <new>
+#include <string>
+
+namespace {
+
+enum ExitStatus { kDone = 0, kFailed = 1, kWrongUsage = 2, kCancelled = 130 };
+
+// One line on standard error.
+int Tell(ExitStatus status, std::string text) {
+    std::replace(text.begin(), text.end(), '\n', ' ');
+    std::fprintf(stderr, "volr: %s\n", text.c_str());
+    return status;
+}
+
+int TellUsage(const CLI::App& app, const std::string& why) {
+    const std::vector<CLI::App*> named = app.get_subcommands();
+    const std::string command = named.empty() ? "volr" : "volr " + named.front()->get_name();
+    return Tell(kWrongUsage, command + ": " + why + " (" + command + " --help shows what it takes)");
+}
+
+int Work(const volr::Work& run) {
+    try {
+        run();
+        return kDone;
+    } catch (const TCO_CANCEL_EXCEPTION&) {
+        return Tell(kCancelled, "cancelled: as you asked (nothing was written)");
+    } catch (const scene::ImportCancelled&) {
+        return Tell(kCancelled, "cancelled: as you asked (nothing was written)");
+    } catch (const scene::ImportError& e) {
+        return Tell(kWrongUsage, e.what());
+    } catch (const scene::Error& e) {
+        return Tell(e.Kind() == scene::ErrorKind::kInput ? kWrongUsage : kFailed, e.what());
+    } catch (const std::bad_alloc&) {
+        return Tell(kFailed, "memory: not enough for this volume (close other programs or use --memory-budget)");
+    } catch (const std::exception& e) {
+        return Tell(kFailed, std::string("internal error: ") + e.what() + " (please report it)");
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app(
+        "Pictures of medical image stacks: volume rendering and maximum-intensity projection on ordinary processors.",
+        "volr");
+    app.set_version_flag("--version", std::string("volr ") + IP_VOLR_GetInfo().version);
+    app.require_subcommand(1);
+    app.footer("volr VERB --help shows a verb's options and examples.");
+    volr::Work run;
+    volr::AddInfoVerb(app, run);
+    volr::AddPhantomVerb(app, run);
+    volr::AddPresetsVerb(app, run);
+    volr::AddRenderVerb(app, run);
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::Success& e) {
+        return app.exit(e);  // help and version
+    } catch (const CLI::ParseError& e) {
+        return TellUsage(app, e.what());
+    }
+    return Work(run);
+}
