@@ -37,8 +37,8 @@ public:
     // Takes over all chunks but the first (the preparation's work chunk).
     void AddChunks(const std::vector<IP_SliceChunk*>& chunks);
 
-    // Whether this object already holds the source: as many volumes, and each with as many slices, the same size in x
-    // and y and the same identity text of the first slice. False when slices or texts are missing: rebuild.
+    // Whether this object already holds the source: as many volumes, each prepared from the same box (so as many
+    // slices) and with the same identity text of the first slice. False when a first slice is missing: rebuild.
     bool compareNSlices(IP_MultiVolData* source);
 
     void remove_slices();  // drops the prepared volumes and their views; chunks and records stay

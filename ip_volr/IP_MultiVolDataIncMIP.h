@@ -33,10 +33,19 @@ public:
     void SetSlowTissueList(IP_MultiRealListVol* tissues);
 
 private:
-    std::shared_ptr<IP_VolDataMIP> prepare_volume(IP_VolData& source, const IP_ListVol* tissue, bool new_tissue,
-                                                  int factor, int pd_counter, int tissue_counter, int render_quality,
-                                                  bool lean, int minimum_value);
-    IP_VolDataMIP* prepared_mip(int i) const { return static_cast<IP_VolDataMIP*>(prepared(i)); }
+    // How a volume is prepared; see Rebuild.
+    struct Preparation {
+        const IP_ListVol* tissue;
+        bool new_tissue;
+        int factor;
+        int pd_counter;
+        int tissue_counter;
+        int render_quality;
+        bool lean;
+        int minimum_value;
+    };
+    bool add_prepared_volume(const IP_VolData& source, int i, const Preparation& p);
+    IP_VolDataMIP* prepared_mip(int i) const { return dynamic_cast<IP_VolDataMIP*>(GetVolData(i)); }
 
     IP_MultiRealListVol* m_SlowTissueList = nullptr;
 };

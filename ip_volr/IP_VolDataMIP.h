@@ -53,7 +53,11 @@ protected:
     bool applies_tissue() const override { return m_Tissue != nullptr; }
 
 private:
-    short background(const IP_Slice& source) const;
+    short background(const IP_Slice* source) const;
+    bool copy_full(IP_Slice* destination, int destination_x, int destination_y, IP_Slice* source, int source_x,
+                   int source_y, const IP_ListVol* tissue, int slice_index);
+    bool copy_reduced(IP_Slice* destination, int x, int y, IP_Slice* source, const IP_ListVol* tissue,
+                      IP_Slice* temp_slice, int slice_index);
 
     const IP_ListVol* m_Tissue = nullptr;
     int m_MinimumValue = 0;

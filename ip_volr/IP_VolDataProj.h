@@ -24,6 +24,8 @@
 // Transposing rotates the blocks through a worker's slices and its work slice; each operation ends with the work slices
 // on the blocks of the work chunk again, also when it was cancelled.
 //
+// Prepared slices carry the source slice's bits and signedness, and their padded size as width and height.
+//
 // Reuse. The caller's hash map finds the record of a slice by its identity text. A block serves a slice again when text
 // and shape (sizes, factor, pixel size) agree; it is filled again only when a counter of its record is not the current
 // one. Slices without text, and further slices with a text that the volume already has, get blocks that nothing finds.
@@ -150,6 +152,7 @@ public:
     int GetChunkY() const { return static_cast<int>(m_ChunkY); }
     int GetFactor() const { return m_Factor; }
     int GetNumberWorkSlices() const { return static_cast<int>(m_NumbWorkSlices); }
+    const IP_Box& GetSourceBox() const { return m_SourceBox; }  // the source's box at the creation
 
 protected:
     // ---- Supplied by the subclass. The copies return whether the destination now holds the slice: a source without
@@ -211,51 +214,59 @@ protected:
 
 private:
     struct Worker;
+    class WorkBlockKeeper;
 
+    void release_slices();
     void release();
     void copy_view(const IP_VolDataProj& o);
     int start_index() const;
-    bool is_prepared_position(int index) const;
+    bool is_built() const;
+    PreparedSliceShape shape() const;
 
+    // Creation (IP_VolDataProj.cpp and IP_VolDataProjBuild.cpp).
     void set_params(const IP_VolData& source, SliceHashMap& map, bool new_tissue, int factor, bool transposed,
                     int pd_counter, int tissue_counter, int render_quality, float bytes_per_pixel);
     void find_existed_slices_data();
+    IP_SliceIDInfo* find_record(const char* id) const;
     void build_ind_array(bool all_slices);
     bool build_chunks(bool allocate);
+    IP_SliceChunk* build_worker_chunk(const char* log_line, int scale);
     bool build_slice_chunks();
-    IP_SliceChunk* build_worker_chunk(const char* log_name, int scale);
     void build_slices(bool allocate);
     void build_new_slices(bool allocate);
-    void register_slice(int number, IP_SliceIDInfo& record, MEM_PagerInfo* block, IP_Slice& slice);
-    void build_worker_slices(IP_SliceChunk& chunk, int position);
-    PreparedSliceShape shape() const;
+    IP_Slice* new_slice(MEM_PagerInfo* block, int source_index, int scale);
+    void build_worker_slices(IP_SliceChunk& chunk, int position, int scale);
+    bool register_record(IP_SliceIDInfo& record);
 
-    Worker worker(int subtask);
+    // Copies (IP_VolDataProjCopy.cpp).
+    Worker worker(int subtask) const;
     void copy_fast_slices(const Worker& w, int first, int last);
     void copy_slow_slices(const Worker& w, int first, int last);
-    void refill_slow(int index);
-    void refill_fast(int index, const Worker& w);
-    void refill_with_tissue(int index, const Worker& w, bool fast);
-    void note_refill(IP_SliceIDInfo* record, bool copied);
-    void orient_copied_slices(const Worker& w, int first, int last);
-
+    void fill_fast(const Worker& w, int index);
+    void fill_slow(const Worker& w, int index);
+    void fill_with_tissue(const Worker& w, int index);
+    void note_fill(int index, bool copied);
+    void orient_slices(const Worker& w, int first, int last);
     void subtask_copy_slices_with_tissue_slow();
+    bool begin_refill(IP_VolData* source, bool transposed, int pd_counter, int tissue_counter);
+
+    // Orientation (IP_VolDataProjTranspose.cpp).
     void subtask_transpose();
     void subtask_check_transpose();
+    void transpose_in_batches(int first, int last, bool check);
     int batch_size() const;
-    void transpose_in_batches(int first, int last, void (IP_VolDataProj::*method)(), bool only_differing);
-    void narrow_to_differing(int& first, int& last) const;
-    bool begin_refill(IP_VolData* source, bool transposed, int pd_counter, int tissue_counter);
+    int count_oriented(int first, int last, bool transposed) const;
     IP_SliceIDInfo* slice_transpose_with_hash_update(int index, IP_Slice* work_slice, IP_SliceIDInfo* work_record);
     void reestablish_working_mem_with_hash_update(int index, IP_Slice* work_slice, IP_SliceIDInfo* work_record);
 
     bool m_CurrentDir = false;
+    IP_Box m_SourceBox;                      // of the source at the creation
     IP_SliceChunk* m_TempChunk = nullptr;    // owned
     std::size_t m_FirstNewChunk = 1;         // first chunk of this preparation in m_Chunks
     std::vector<IP_SliceIDInfo*> m_Records;  // of the prepared slices, in the chunks; null without block
     int m_BatchFirst = 0;                    // slices of the batch in progress, [first, last)
     int m_BatchLast = 0;
-    std::atomic<int> m_NumbNotCopied{0};  // slices that have memory and could not be filled
+    std::atomic<int> m_NumbNotCopied{0};  // slices that could not be filled for want of a mapping
     std::shared_ptr<int[]> m_XYCBounds;
     std::shared_ptr<int[]> m_YXCBounds;
     std::shared_ptr<short[]> m_XYCBoundsLin;

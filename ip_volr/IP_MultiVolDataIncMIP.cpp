@@ -1,0 +1,108 @@
+#include "ip_volr/IP_MultiVolDataIncMIP.h"
+
+#include "ip_volr/IP_VOLR_Trace.h"
+
+namespace {
+
+constexpr char kSource[] = "ip_volr/IP_MultiVolDataIncMIP";
+constexpr char kRebuild[] = "IP_MultiVolDataIncMIP::Rebuild";
+
+IP_RealListVol* list_volume(const IP_MultiRealListVol* tissues, int i) {
+    return tissues == nullptr ? nullptr : tissues->GetRealListVol(i);
+}
+
+}  // namespace
+
+bool IP_MultiVolDataIncMIP::Rebuild(IP_MultiVolData* source, IP_MultiRealListVol* tissues, bool new_tissue, int factor,
+                                    int pd_counter, int tissue_counter, int render_quality, bool lean,
+                                    int minimum_value) {
+    if (source != nullptr && compareNSlices(source)) {
+        IP_VOLR_TRACE(ip_volr::kTraceInformation, kSource, kRebuild,
+                      "number of slices was not changed, no rebuild action\n");
+        reset_pointers2origData(source);
+        return true;
+    }
+
+    // Drop the prepared volumes; their blocks and records stay to be found again.
+    const IP_VolDataProj* first = prepared(0);
+    m_CurrentDir = first != nullptr && first->GetCurrentDir();
+    remove_slices();
+
+    bool done = true;
+    const int num_volumes = source == nullptr ? 0 : source->GetNVolData();
+    for (int i = 0; i < num_volumes && done; i++) {
+        IP_VolData* volume = source->GetVolData(i);
+        const Preparation preparation{list_volume(tissues, i), new_tissue,     factor, pd_counter,
+                                      tissue_counter,          render_quality, lean,   minimum_value};
+        done = volume != nullptr && add_prepared_volume(*volume, i, preparation);
+    }
+    if (!done) {
+        // Half a set must not be projected, nor pass for the source at the next rebuild.
+        IP_VOLR_TRACE(ip_volr::kTraceError, kSource, kRebuild, "Failed in IP_VolRData creation\n");
+        remove_slices();
+    }
+    Reset();
+    return done;
+}
+
+bool IP_MultiVolDataIncMIP::add_prepared_volume(const IP_VolData& source, int i, const Preparation& p) {
+    const auto data = std::make_shared<IP_VolDataMIP>();
+    const auto take_over_chunks = [&] {
+        AddChunks(data->GetChunks());
+        data->ClearChunks();
+    };
+
+    bool done = false;
+    try {
+        const auto create = p.lean ? &IP_VolDataMIP::LeanCreate : &IP_VolDataMIP::Create;
+        done = (data.get()->*create)(source, hash_map(), p.tissue, p.new_tissue, p.factor, m_CurrentDir, p.pd_counter,
+                                     p.tissue_counter, p.render_quality, p.minimum_value);
+    } catch (...) {
+        // Cancelled: keep what was copied, so that the next rebuild goes on from there.
+        take_over_chunks();
+        remove_slices();
+        throw;
+    }
+    take_over_chunks();
+    if (!done) {
+        return false;
+    }
+
+    AddVolData(data);
+    if (p.render_quality == 0) {
+        SetNTransVolRData(new IP_VolDataMIP(*data, false), i);
+        SetTransVolRData(new IP_VolDataMIP(*data, true), i);
+    }
+    return true;
+}
+
+bool IP_MultiVolDataIncMIP::CopyFastFromSlow(IP_MultiVolData* source, IP_MultiRealListVol* tissues, bool transposed,
+                                             int pd_counter, int tissue_counter, int minimum_value) {
+    bool done = source != nullptr && tissues != nullptr;
+    for (int i = 0; i < GetNVolData() && done; i++) {
+        IP_VolDataMIP* data = prepared_mip(i);
+        done = data != nullptr && data->CopyFastFromSlow(source->GetVolData(i), list_volume(tissues, i), transposed,
+                                                         pd_counter, tissue_counter, minimum_value);
+    }
+    return done;
+}
+
+bool IP_MultiVolDataIncMIP::CopyWithTissue(IP_MultiVolData* source, IP_MultiRealListVol* tissues, bool transposed,
+                                           int pd_counter, int tissue_counter, int minimum_value, bool run) {
+    bool done = source != nullptr && tissues != nullptr;
+    for (int i = 0; i < GetNVolData() && done; i++) {
+        IP_VolDataMIP* data = prepared_mip(i);
+        done = data != nullptr && data->CopyWithTissue(source->GetVolData(i), list_volume(tissues, i), transposed,
+                                                       pd_counter, tissue_counter, minimum_value, run);
+    }
+    return done;
+}
+
+void IP_MultiVolDataIncMIP::SetSlowTissueList(IP_MultiRealListVol* tissues) {
+    m_SlowTissueList = tissues;
+    for (int i = 0; i < GetNVolData(); i++) {
+        if (IP_VolDataMIP* data = prepared_mip(i)) {
+            data->SetSlowTissue(list_volume(tissues, i));
+        }
+    }
+}
