@@ -178,10 +178,6 @@ bool IP_VOLRC_Projector::IsValid() const {
 void IP_VOLRC_Projector::InvalidateOcclusions() { m_Valid[kOcclusionsValid] = false; }
 
 void IP_VOLRC_Projector::RunOnAllServers(RunMethod method) {
-    if (m_TaskCount == 1) {
-        (this->*method)();
-        return;
-    }
     TCO_CompoundRunnable<IP_VOLRC_Projector> runnable(this, method);
     TCO_CompoundTaskManager::GetHandle()->ExecuteCompoundTask(&runnable, false, m_TaskCount, false);
 }

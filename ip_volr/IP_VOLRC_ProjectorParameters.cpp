@@ -113,12 +113,10 @@ void IP_VOLRC_Projector::SetRenderMode(RC_RENDERING_MODE mode) {
         return;
     }
     m_RenderMode = mode;
-    const IP_VOLRC_RenderParameters& parameters = GetParameters(mode);
     if (mode == RC_RENDERING_FINAL) {
-        SetStepSize(parameters.step_size);
+        SetStepSize(m_Final.step_size);
     }
-    m_RenderWidth = parameters.render_width;
-    m_RenderHeight = parameters.render_height;
+    // The render size is taken over by the next frame: until then questions about visibility concern the last one.
     m_Pending[kParametersChanged] = true;
 }
 
