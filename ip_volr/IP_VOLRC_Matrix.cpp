@@ -27,7 +27,9 @@ void set_identity(Matrix m) {
     }
 }
 
-void copy(const Matrix from, Matrix to) { std::memmove(to, from, sizeof(Matrix)); }
+void copy(const Matrix from, Matrix to) {
+    std::memmove(to, from, sizeof(Matrix));
+}
 
 void from_float(const float from[4][4], Matrix to) {
     for (int i = 0; i < 4; i++) {
@@ -93,7 +95,9 @@ void transform_direction(const double v[3], const Matrix m, double result[3]) {
     }
 }
 
-double length(const double v[3]) { return std::sqrt(v[0] * v[0] + v[1] * v[1] + v[2] * v[2]); }
+double length(const double v[3]) {
+    return std::sqrt(v[0] * v[0] + v[1] * v[1] + v[2] * v[2]);
+}
 
 void normalise(double v[3]) {
     const double len = length(v);
@@ -105,9 +109,13 @@ void normalise(double v[3]) {
     }
 }
 
-bool is_finite(const double v[3]) { return std::isfinite(v[0]) && std::isfinite(v[1]) && std::isfinite(v[2]); }
+bool is_finite(const double v[3]) {
+    return std::isfinite(v[0]) && std::isfinite(v[1]) && std::isfinite(v[2]);
+}
 
-bool is_finite(const Matrix m) { return is_finite(m[0]) && is_finite(m[1]) && is_finite(m[2]) && is_finite(m[3]); }
+bool is_finite(const Matrix m) {
+    return is_finite(m[0]) && is_finite(m[1]) && is_finite(m[2]) && is_finite(m[3]);
+}
 
 int truncate_clamped(double value, int lowest, int highest) {
     if (!(value > lowest)) {

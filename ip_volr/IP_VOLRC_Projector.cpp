@@ -20,7 +20,9 @@ constexpr unsigned short kDefaultOpacityGradientThreshold = 8192;
 
 // Stands for colour tables that the host has not given: everything is transparent. Room on both sides of value 0.
 const unsigned int kTransparentTable[2 * IP_VOLRC_Projector::kTableEntries] = {};
-const unsigned int* transparent_table() { return kTransparentTable + IP_VOLRC_Projector::kTableEntries; }
+const unsigned int* transparent_table() {
+    return kTransparentTable + IP_VOLRC_Projector::kTableEntries;
+}
 
 }  // namespace
 
@@ -79,11 +81,17 @@ void IP_VOLRC_Projector::SetR2PMatrix(const double m[4][4]) {
     m_Valid[kViewValid] = false;
 }
 
-void IP_VOLRC_Projector::GetR2PMatrix(double m[4][4]) const { affine::copy(m_R2P, m); }
+void IP_VOLRC_Projector::GetR2PMatrix(double m[4][4]) const {
+    affine::copy(m_R2P, m);
+}
 
-void IP_VOLRC_Projector::GetViewVector(double v[3]) const { std::copy(m_ViewVector, m_ViewVector + 3, v); }
+void IP_VOLRC_Projector::GetViewVector(double v[3]) const {
+    std::copy(m_ViewVector, m_ViewVector + 3, v);
+}
 
-void IP_VOLRC_Projector::SetPan(const int pan[2]) { std::copy(pan, pan + 2, m_Pan); }
+void IP_VOLRC_Projector::SetPan(const int pan[2]) {
+    std::copy(pan, pan + 2, m_Pan);
+}
 
 void IP_VOLRC_Projector::SetDims(const int dims[2]) {
     if (dims[0] != m_OutputWidth || dims[1] != m_OutputHeight) {
@@ -175,7 +183,9 @@ bool IP_VOLRC_Projector::IsValid() const {
     return std::all_of(m_Valid.begin(), m_Valid.end(), set) && std::none_of(m_Pending.begin(), m_Pending.end(), set);
 }
 
-void IP_VOLRC_Projector::InvalidateOcclusions() { m_Valid[kOcclusionsValid] = false; }
+void IP_VOLRC_Projector::InvalidateOcclusions() {
+    m_Valid[kOcclusionsValid] = false;
+}
 
 void IP_VOLRC_Projector::RunOnAllServers(RunMethod method) {
     TCO_CompoundRunnable<IP_VOLRC_Projector> runnable(this, method);

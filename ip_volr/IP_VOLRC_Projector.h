@@ -30,16 +30,16 @@ enum PROJECTION_SIDE { PROJECTION_SIDE_NEAR = 0, PROJECTION_SIDE_FAR = 1 };
 
 // What one rendering mode asks of a frame.
 struct IP_VOLRC_RenderParameters {
-    double step_size = 0.3;       // voxels along the normalised view direction in index space
-    int render_width = 0;         // rays per row
-    int render_height = 0;        // rows of rays
-    int minimum_width = 0;        // interactive set only: bounds of adaptive quality
+    double step_size = 0.3;  // voxels along the normalised view direction in index space
+    int render_width = 0;    // rays per row
+    int render_height = 0;   // rows of rays
+    int minimum_width = 0;   // interactive set only: bounds of adaptive quality
     int minimum_height = 0;
-    unsigned short transparency_threshold = 3276;       // of 65535; a ray below it ends
-    bool fast_gradients = false;                        // forward instead of central differences
-    bool opacity_luminosity = true;                     // table flag: a voxel is visible by its opacity alone
-    unsigned short opacity_gradient_threshold = 8192;   // of 65535; a sample above it is shaded
-    int gradient_level = 0;                             // luminosity threshold of the brick structure
+    unsigned short transparency_threshold = 3276;      // of 65535; a ray below it ends
+    bool fast_gradients = false;                       // forward instead of central differences
+    bool opacity_luminosity = true;                    // table flag: a voxel is visible by its opacity alone
+    unsigned short opacity_gradient_threshold = 8192;  // of 65535; a sample above it is shaded
+    int gradient_level = 0;                            // luminosity threshold of the brick structure
 };
 
 // Casts one ray per pixel of the render resolution through a volume that is cut into bricks of 32 voxels per edge,
@@ -72,13 +72,13 @@ public:
     static constexpr int kNumTissues = 16;
     static constexpr int kTableEntries = 65536;
 
-    // Process-wide: the transparency (of 65535) below which rays end, five per cent, taken over by SetDefaultParams; and
-    // whether depth images show the front of the volume rather than its back.
+    // Process-wide: the transparency (of 65535) below which rays end, five per cent, taken over by SetDefaultParams;
+    // and whether depth images show the front of the volume rather than its back.
     static unsigned short s_DefaultTransparencyThreshold;
     static bool s_DepthFromFront;
 
-    IP_VOLRC_Projector();                        // empty members only: to be assigned to
-    explicit IP_VOLRC_Projector(int dims[2]);    // output width and height; anything below 1 draws nothing
+    IP_VOLRC_Projector();                      // empty members only: to be assigned to
+    explicit IP_VOLRC_Projector(int dims[2]);  // output width and height; anything below 1 draws nothing
     IP_VOLRC_Projector(const IP_VOLRC_Projector&);
     IP_VOLRC_Projector& operator=(const IP_VOLRC_Projector&);
     ~IP_VOLRC_Projector();
@@ -137,7 +137,7 @@ public:
     void GetR2PMatrix(double m[4][4]) const;
     void GetViewVector(double v[3]) const;
     void SetPan(const int pan[2]);
-    void SetDims(const int dims[2]);         // output width and height
+    void SetDims(const int dims[2]);  // output width and height
     // Planes of the user: inside is where the equation is not positive. Identifiers start at 6.
     IP_ClipManager* GetUserClipManager() { return m_UserClipManager; }
 
@@ -153,7 +153,7 @@ public:
     void AdjustRenderingTime(double ratio);
     const IP_VOLRC_RenderParameters& GetParameters(RC_RENDERING_MODE mode) const;
     void SetDefaultParams();
-    void SetStepSize(double step);           // voxels along the normalised view direction in index space
+    void SetStepSize(double step);  // voxels along the normalised view direction in index space
     double GetStepSize() const { return m_StepSize; }
     double GetStepLength() const { return m_StepLength; }  // the same step in mm; 0 before it is known
     // Entry k: transparency (of 65535) of one step through opacity byte k; four equal lanes an entry.
@@ -188,13 +188,13 @@ private:
     // Which results of the last frame still hold.
     enum ValidityFlag {
         kOcclusionsValid = 0,
-        kVolumeValid,       // padded volume and brick records belong together
-        kMinMaxValid,       // leaves know the slices' values
-        kLuminosityValid,   // leaves know the tables
-        kTablesValid,       // combined tables
-        kViewValid,         // matrices, vectors and sizes are those of the frame
-        kRaysValid,         // ray pool holds the frame's rays
-        kPictureValid,      // render raster holds the frame
+        kVolumeValid,      // padded volume and brick records belong together
+        kMinMaxValid,      // leaves know the slices' values
+        kLuminosityValid,  // leaves know the tables
+        kTablesValid,      // combined tables
+        kViewValid,        // matrices, vectors and sizes are those of the frame
+        kRaysValid,        // ray pool holds the frame's rays
+        kPictureValid,     // render raster holds the frame
         kNumValidityFlags
     };
     enum PendingChange { kColorTablesChanged = 0, kVolumeChanged, kTissuesChanged, kParametersChanged, kNumPending };
@@ -336,8 +336,8 @@ private:
     std::vector<MEM_PagerInfo*> m_SliceInfos;  // scratch of slice mapping
     int m_MappedFirst = 0;                     // padded slices [first, last) are mapped
     int m_MappedLast = 0;
-    IP_Box m_Box;                              // of the padded volume, its middle at the origin
-    double m_Middle_mm[3] = {};                // of the padded volume
+    IP_Box m_Box;                // of the padded volume, its middle at the origin
+    double m_Middle_mm[3] = {};  // of the padded volume
 
     // Directions
     double m_ViewVector[3] = {};
@@ -389,15 +389,15 @@ private:
     PixelBrick* m_PixelBricks = nullptr;
 
     // Values of one frame
-    int m_DepthLimit = 0;               // largest raster depth of the box, 16.16
-    double m_FrameR2P[4][4] = {};       // raster of the render size to physical
-    double m_IndexPerDepth = 0.0;       // index-space length of one raster-depth unit
-    bool m_FrameIsEmpty = false;        // no ray can be cast: degenerate matrices
+    int m_DepthLimit = 0;          // largest raster depth of the box, 16.16
+    double m_FrameR2P[4][4] = {};  // raster of the render size to physical
+    double m_IndexPerDepth = 0.0;  // index-space length of one raster-depth unit
+    bool m_FrameIsEmpty = false;   // no ray can be cast: degenerate matrices
     std::vector<PlaneDepth> m_NearPlanes;
     std::vector<PlaneDepth> m_FarPlanes;
     std::vector<PlaneDepth> m_ParallelPlanes;  // value(x, y) = at_origin - y * per_row - x * per_column
-    int m_StepFixed = 0;                // step in voxels, 16.16
-    int m_Increments[3] = {};           // per axis, 16.16
+    int m_StepFixed = 0;                       // step in voxels, 16.16
+    int m_Increments[3] = {};                  // per axis, 16.16
     std::shared_ptr<IP_VOLRC_RayCastScratch> m_Cast;
     std::vector<BrickListEntry> m_BrickList;
     std::vector<RenderingResource> m_Resources;

@@ -29,7 +29,9 @@ void plane_to_raster(const double plane[4], const double r2p[4][4], double resul
 }
 
 // Truncates depths (in 1/65536 already) towards zero. What is not a number becomes the lowest depth.
-int fixed_depth(double depth) { return affine::truncate_clamped(depth, -kDepthClamp, kDepthClamp); }
+int fixed_depth(double depth) {
+    return affine::truncate_clamped(depth, -kDepthClamp, kDepthClamp);
+}
 
 }  // namespace
 

@@ -31,7 +31,9 @@ constexpr int kPadding = 2;
 constexpr int kBrickShiftFixed = 16 + kernels::kBrickEdgeLog2;
 constexpr double kFixedOne = 65536.0;
 
-inline long long now_ticks() { return std::chrono::steady_clock::now().time_since_epoch().count(); }
+inline long long now_ticks() {
+    return std::chrono::steady_clock::now().time_since_epoch().count();
+}
 
 inline double milliseconds_since(long long start_ticks) {
     const std::chrono::steady_clock::duration elapsed(now_ticks() - start_ticks);

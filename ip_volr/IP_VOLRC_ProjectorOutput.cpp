@@ -22,13 +22,19 @@ Strip strip_of(int k, int rows, int height) {
     return {static_cast<int>(first), static_cast<int>(std::min<long long>(first + rows, height))};
 }
 
-std::size_t row_offset(int y, int width) { return static_cast<std::size_t>(y) * static_cast<std::size_t>(width); }
+std::size_t row_offset(int y, int width) {
+    return static_cast<std::size_t>(y) * static_cast<std::size_t>(width);
+}
 
-std::uint32_t* pixels(int* raster) { return reinterpret_cast<std::uint32_t*>(raster); }
+std::uint32_t* pixels(int* raster) {
+    return reinterpret_cast<std::uint32_t*>(raster);
+}
 
 }  // namespace
 
-void IP_VOLRC_Projector::ConvertRaysToRaster() { RunOnAllServers(&IP_VOLRC_Projector::ConvertRaysToPartialRaster); }
+void IP_VOLRC_Projector::ConvertRaysToRaster() {
+    RunOnAllServers(&IP_VOLRC_Projector::ConvertRaysToPartialRaster);
+}
 
 void IP_VOLRC_Projector::ConvertRaysToPartialRaster() {
     const Strip strip = strip_of(TCO_RunnableSelf().GetSubtaskIndex(), RowsPerStrip(), m_RenderHeight);
@@ -42,7 +48,8 @@ void IP_VOLRC_Projector::EnlargePicture() {
     const long long start_ticks = ip_volr::now_ticks();
     // Reads just behind the last pixel find nothing.
     const std::size_t num_pixels = row_offset(m_RenderHeight, m_RenderWidth);
-    const std::size_t capacity = row_offset(m_OutputHeight, m_OutputWidth) + 2 * static_cast<std::size_t>(m_OutputWidth);
+    const std::size_t capacity =
+        row_offset(m_OutputHeight, m_OutputWidth) + 2 * static_cast<std::size_t>(m_OutputWidth);
     const std::size_t behind = std::min(static_cast<std::size_t>(m_RenderHeight) + 1, capacity - num_pixels);
     std::fill_n(m_RenderRaster + num_pixels, behind, 0);
 
@@ -54,7 +61,7 @@ void IP_VOLRC_Projector::EnlargePicture() {
 }
 
 void IP_VOLRC_Projector::ResizeImage() {
-    const kernels::ResizeFrame frame = {pixels(m_RenderRaster), m_RenderWidth,  m_RenderHeight,
+    const kernels::ResizeFrame frame = {pixels(m_RenderRaster), m_RenderWidth, m_RenderHeight,
                                         pixels(m_ClipRaster),   m_OutputWidth, m_OutputHeight};
     const long long k = TCO_RunnableSelf().GetSubtaskIndex();
     kernels::resize_rows(frame, static_cast<int>(k * m_OutputHeight / m_TaskCount),

@@ -241,8 +241,7 @@ void IP_VOLRC_Projector::AdjustInteractiveSize(double ratio) {
         }
         const double old_step = set.step_size;
         set.step_size = std::min(kCoarsestStep, old_step * ratio);
-        const bool can_shrink =
-            set.render_width > set.minimum_width || set.render_height > set.minimum_height;
+        const bool can_shrink = set.render_width > set.minimum_width || set.render_height > set.minimum_height;
         if (m_StepSize >= kCoarsestStep && can_shrink) {
             scale_size(ratio / (set.step_size / old_step));
         }

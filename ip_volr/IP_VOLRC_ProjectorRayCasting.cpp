@@ -28,7 +28,9 @@ constexpr float kUnbalanced = 5.0F;
 constexpr float kHeavyPart = 20.0F;
 constexpr float kOpaqueCellWeight = 0.01F;
 
-int shading_weight(double weight, int greatest) { return affine::truncate_clamped(weight * 65535.0 + 0.5, 0, greatest); }
+int shading_weight(double weight, int greatest) {
+    return affine::truncate_clamped(weight * 65535.0 + 0.5, 0, greatest);
+}
 
 }  // namespace
 
@@ -48,7 +50,8 @@ void IP_VOLRC_Projector::PrepareRayCasting() {
     m_StepFixed = affine::truncate_clamped(step_vox * kFixedOne, 0, kLongestStepFixed);
     m_Octant = 0;
     for (int j = 0; j < 3; j++) {
-        m_Increments[j] = affine::truncate_clamped(m_ViewIndex[j] * step_vox * kFixedOne, -kLongestStepFixed, kLongestStepFixed);
+        m_Increments[j] =
+            affine::truncate_clamped(m_ViewIndex[j] * step_vox * kFixedOne, -kLongestStepFixed, kLongestStepFixed);
         m_Octant |= m_ViewIndex[j] > 0.0 ? 0 : 1 << j;
     }
     const bool moves = m_Increments[0] != 0 || m_Increments[1] != 0 || m_Increments[2] != 0;
@@ -149,8 +152,8 @@ void IP_VOLRC_Projector::CastLayers(int first_layer, int last_layer) {
 
 const _int_coord* IP_VOLRC_Projector::CurrentWave(int& num_bricks) const {
     const std::vector<_int_coord>& wave =
-        (*m_BrickStructure->GetProjectionQueues())[static_cast<std::size_t>(m_Octant)]
-                                                  [static_cast<std::size_t>(m_WaveIndex)];
+        (*m_BrickStructure
+              ->GetProjectionQueues())[static_cast<std::size_t>(m_Octant)][static_cast<std::size_t>(m_WaveIndex)];
     num_bricks = static_cast<int>(wave.size());
     return wave.data();
 }

@@ -42,7 +42,9 @@ void reset_ray(_listRay& ray) {
 
 }  // namespace
 
-int IP_VOLRC_Projector::RowsPerStrip() const { return (m_RenderHeight - 1) / m_TaskCount + 1; }
+int IP_VOLRC_Projector::RowsPerStrip() const {
+    return (m_RenderHeight - 1) / m_TaskCount + 1;
+}
 
 void IP_VOLRC_Projector::AttachRays() {
     RunOnAllServers(&IP_VOLRC_Projector::GetBrickCoords);
@@ -100,8 +102,7 @@ void IP_VOLRC_Projector::GetBrickCoords() {
             unsigned position[3];
             bool inside = true;
             for (int j = 0; j < 3; j++) {
-                const double pixel_vox =
-                    raster_to_index[3][j] + y * raster_to_index[1][j] + x * raster_to_index[0][j];
+                const double pixel_vox = raster_to_index[3][j] + y * raster_to_index[1][j] + x * raster_to_index[0][j];
                 inside = inside && cell_coordinate(pixel_vox + along_vox * m_ViewIndex[j], dims[j], position[j]);
             }
             if (!inside) {

@@ -62,7 +62,8 @@ void IP_VOLRC_Projector::AllocateRasters() {
     }
     m_PixelBricks = static_cast<PixelBrick*>(allocate_mapped(num_pixels * sizeof(PixelBrick), m_PixelBrickInfo));
     if (m_PixelBricks == nullptr) {
-        IP_VOLR_TRACE(ip_volr::kTraceError, IP_VOLRC_PROJECTOR_SOURCE, kFunction, "Error allocating Brick pager info\n");
+        IP_VOLR_TRACE(ip_volr::kTraceError, IP_VOLRC_PROJECTOR_SOURCE, kFunction,
+                      "Error allocating Brick pager info\n");
         FreeRasters();
         return;
     }
@@ -157,7 +158,8 @@ void IP_VOLRC_Projector::FreeRayPool() {
 }
 
 _listRay* IP_VOLRC_Projector::RayRow(int y) const {
-    return m_RayPages[y / m_RowsPerPage] + static_cast<std::size_t>(y % m_RowsPerPage) * static_cast<std::size_t>(m_RenderWidth);
+    return m_RayPages[y / m_RowsPerPage] +
+           static_cast<std::size_t>(y % m_RowsPerPage) * static_cast<std::size_t>(m_RenderWidth);
 }
 
 // ---- Work blocks of the tasks
@@ -171,8 +173,7 @@ bool IP_VOLRC_Projector::AllocateRenderingResources() {
     m_Resources.resize(num_tasks);
     m_ResourcesAllocated = true;
     for (RenderingResource& resource : m_Resources) {
-        resource.block =
-            static_cast<unsigned char*>(allocate_mapped(ip_volr::kernels::kWorkBlockBytes, resource.info));
+        resource.block = static_cast<unsigned char*>(allocate_mapped(ip_volr::kernels::kWorkBlockBytes, resource.info));
         if (resource.block == nullptr) {
             return false;
         }
@@ -293,7 +294,8 @@ void IP_VOLRC_Projector::UnmapBricks() {
     }
     IP_SliceVector::UnMapIPSliceVec(m_PaddedVolume->GetSlices() + m_MappedFirst, count, m_SliceInfos.data(), false);
     if (!m_TissueSlices.empty()) {
-        IP_SliceVector::UnMapIPSliceVec(m_PaddedTissues->GetSlices() + m_MappedFirst, count, m_SliceInfos.data(), false);
+        IP_SliceVector::UnMapIPSliceVec(m_PaddedTissues->GetSlices() + m_MappedFirst, count, m_SliceInfos.data(),
+                                        false);
     }
     m_MappedFirst = 0;
     m_MappedLast = 0;

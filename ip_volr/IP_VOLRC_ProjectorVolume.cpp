@@ -97,7 +97,8 @@ std::unique_ptr<IP_VolData> make_padded(const IP_VolData& source, IP_Slice* empt
 // A slice of zeros: tissue indices of the padding. Without memory it stays without data.
 void fill_empty_tissue_slice(IP_Slice& slice, int width, int height) {
     constexpr const char* kFunction = "IP_VOLRC_Projector::SetVolumeTissues";
-    const unsigned long long num_bytes = static_cast<unsigned long long>(width) * static_cast<unsigned long long>(height);
+    const unsigned long long num_bytes =
+        static_cast<unsigned long long>(width) * static_cast<unsigned long long>(height);
     MEM_MemPager* const pager = MEM_MemPager::GetHandleForMP();
     auto block = std::make_unique<MEM_PagerInfo>(pager);
     if (pager->Allocate64(num_bytes, block.get(), 0) == -1) {
@@ -108,8 +109,8 @@ void fill_empty_tissue_slice(IP_Slice& slice, int width, int height) {
     std::memset(block->Ptr(), 0, num_bytes);
     block->Unmap();
     slice.SetData(block.release(), true);
-    IP_VOLR_TRACE(ip_volr::kTraceInformation, IP_VOLRC_PROJECTOR_SOURCE, kFunction,
-                  "empty slice filled with %d zeros", static_cast<int>(num_bytes));
+    IP_VOLR_TRACE(ip_volr::kTraceInformation, IP_VOLRC_PROJECTOR_SOURCE, kFunction, "empty slice filled with %d zeros",
+                  static_cast<int>(num_bytes));
 }
 
 void destroy_padded(IP_VolData*& padded, IP_Slice*& empty) {
@@ -216,7 +217,9 @@ void IP_VOLRC_Projector::SetVolumeTissues(IP_VolData* tissues) {
     InvalidateOcclusions();
 }
 
-void IP_VOLRC_Projector::DestroyPaddedTissues() { destroy_padded(m_PaddedTissues, m_EmptyTissueSlice); }
+void IP_VOLRC_Projector::DestroyPaddedTissues() {
+    destroy_padded(m_PaddedTissues, m_EmptyTissueSlice);
+}
 
 bool IP_VOLRC_Projector::TissuesFitVolume() const {
     if (m_PaddedTissues == nullptr || m_PaddedVolume == nullptr) {
@@ -255,7 +258,9 @@ void IP_VOLRC_Projector::SetBrickStructure(IP_VOLRC_BrickStructure* structure) {
     }
 }
 
-void IP_VOLRC_Projector::DeleteBrickStructure(IP_VOLRC_BrickStructure* structure) { delete structure; }
+void IP_VOLRC_Projector::DeleteBrickStructure(IP_VOLRC_BrickStructure* structure) {
+    delete structure;
+}
 
 bool IP_VOLRC_Projector::EnsureBrickStructure() {
     if (m_BrickStructure == nullptr) {

@@ -107,8 +107,8 @@ private:
         }
         std::size_t i[3];
         for (std::size_t j = 0; j < 3; j++) {
-            i[j] = static_cast<std::size_t>(
-                std::clamp(static_cast<int>(std::floor(p[j] + 0.5)), 0, m_Scene.dims[j] - 1));
+            i[j] =
+                static_cast<std::size_t>(std::clamp(static_cast<int>(std::floor(p[j] + 0.5)), 0, m_Scene.dims[j] - 1));
         }
         const auto width = static_cast<std::size_t>(m_Scene.dims[0]);
         const auto height = static_cast<std::size_t>(m_Scene.dims[1]);
@@ -120,7 +120,8 @@ private:
     void take_sample(const Vec& p, double& transparency, Vec& light) const {
         const double value = interpolate(p, [&](int x, int y, int z) { return at(x, y, z); });
         const auto table = static_cast<std::size_t>(tissue(p));
-        const int index = std::clamp(static_cast<int>(std::lround(value)) - m_Scene.lowest(), 0, (1 << m_Scene.bits) - 1);
+        const int index =
+            std::clamp(static_cast<int>(std::lround(value)) - m_Scene.lowest(), 0, (1 << m_Scene.bits) - 1);
         const std::uint32_t entry = m_Scene.colours[table][static_cast<std::size_t>(index)];
         const double opacity = (entry >> 24) / 255.0;
         if (opacity == 0.0) {

@@ -1,9 +1,9 @@
 // The optical model of a final enhanced frame, slow and in double precision, with a step of one's choice.
 //
 // A ray goes from the near to the far end of the reduced box, cut by the planes. Along it the volume is interpolated
-// trilinearly; a value's opacity is per millimetre. Where the opacity exceeds the gradient threshold, light falls on the
-// normalised gradient (central differences, in index space): diffuse, and a white highlight of two lobes. A ray ends
-// below five per cent of transparency and is brightened for what it did not collect.
+// trilinearly; a value's opacity is per millimetre. Where the opacity exceeds the gradient threshold, light falls on
+// the normalised gradient (central differences, in index space): diffuse, and a white highlight of two lobes. A ray
+// ends below five per cent of transparency and is brightened for what it did not collect.
 #pragma once
 
 #include "tests/raycast/scene.h"

@@ -10,10 +10,18 @@
 
 namespace raycast_test {
 
-Vec add(const Vec& a, const Vec& b) { return {a[0] + b[0], a[1] + b[1], a[2] + b[2]}; }
-Vec scaled(const Vec& a, double f) { return {a[0] * f, a[1] * f, a[2] * f}; }
-double dot(const Vec& a, const Vec& b) { return a[0] * b[0] + a[1] * b[1] + a[2] * b[2]; }
-Vec unit(const Vec& a) { return scaled(a, 1.0 / std::sqrt(dot(a, a))); }
+Vec add(const Vec& a, const Vec& b) {
+    return {a[0] + b[0], a[1] + b[1], a[2] + b[2]};
+}
+Vec scaled(const Vec& a, double f) {
+    return {a[0] * f, a[1] * f, a[2] * f};
+}
+double dot(const Vec& a, const Vec& b) {
+    return a[0] * b[0] + a[1] * b[1] + a[2] * b[2];
+}
+Vec unit(const Vec& a) {
+    return scaled(a, 1.0 / std::sqrt(dot(a, a)));
+}
 
 void Scene::fill(const std::function<double(double, double, double)>& value) {
     voxels.resize(static_cast<std::size_t>(dims[0]) * static_cast<std::size_t>(dims[1]) *

@@ -31,7 +31,7 @@ struct Scene {
     Vec middle_mm = {0.0, 0.0, 0.0};
     bool is_signed = true;
     int bits = 12;
-    std::vector<std::int16_t> voxels;  // x fastest
+    std::vector<std::int16_t> voxels;   // x fastest
     std::vector<std::uint8_t> tissues;  // per voxel; empty: none
 
     std::vector<std::array<std::uint32_t, 65536>> colours{kNumTissues};

@@ -23,6 +23,8 @@ void expect_like_model(const std::string& name, const Scene& scene) {
     EXPECT_GE(transparency_psnr(picture, truth), kLeastPsnr);
 }
 
-TEST(RayCastFidelity, OrthogonalView) { expect_like_model("orthogonal", sphere_scene({64, 64, 64}, {1, 1, 1}, true)); }
+TEST(RayCastFidelity, OrthogonalView) {
+    expect_like_model("orthogonal", sphere_scene({64, 64, 64}, {1, 1, 1}, true));
+}
 
 }  // namespace
