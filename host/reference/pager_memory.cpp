@@ -42,14 +42,14 @@ void unmap_pages(void* base, std::size_t /*length*/) {
 
 #else
 
-void* map_anonymous(std::size_t length) {
-    void* const base = mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+void* map_anonymous(std::size_t length, int more_flags) {
+    void* const base = mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | more_flags, -1, 0);
     return base == MAP_FAILED ? nullptr : base;
 }
 
 // Pages aligned so that huge ones fit; what sticks out at both ends is given back.
 void* map_huge_pages(std::size_t length) {
-    char* const base = static_cast<char*>(map_anonymous(length + kHugePage));
+    char* const base = static_cast<char*>(map_anonymous(length + kHugePage, 0));
     if (base == nullptr) {
         return nullptr;
     }
@@ -66,8 +66,16 @@ void* map_huge_pages(std::size_t length) {
 }
 
 void* map_pages(std::size_t length) {
-    void* const base = length >= kHugePage ? map_huge_pages(length) : nullptr;
-    return base != nullptr ? base : map_anonymous(length);
+    if (length >= kHugePage) {
+        void* const base = map_huge_pages(length);
+        return base != nullptr ? base : map_anonymous(length, 0);
+    }
+    // All pages at once: whoever asks for a block fills it, and a fault for each page would cost several times as much.
+#if defined(MAP_POPULATE)
+    return map_anonymous(length, MAP_POPULATE);
+#else
+    return map_anonymous(length, 0);
+#endif
 }
 
 void unmap_pages(void* base, std::size_t length) {

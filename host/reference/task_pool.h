@@ -65,7 +65,6 @@ private:
     void WaitForJobs(std::uint32_t seen_generation);
     void WaitForWorkers(const Job& job);
     void WakeWorkers(int wanted);
-    void Spin() const;
 
     std::mutex m_Mutex;  // guards the list of jobs, the threads and the sleeping
     std::vector<Job*> m_Jobs;
