@@ -89,6 +89,14 @@ struct PagerFaults {
 };
 IP_HOST_API void SetPagerFaults(const PagerFaults& faults);
 
+// ---- Instruction sets
+
+enum class InstructionSet { Scalar, Sse41, Avx2 };
+
+// For tests and benchmarks: the host's kernels (those of the zoom) use nothing above `highest` from now on. Returns
+// what they do use, which depends on the processor too.
+IP_HOST_API InstructionSet LimitInstructionSet(InstructionSet highest);
+
 // ---- Log
 
 struct LogLine {
