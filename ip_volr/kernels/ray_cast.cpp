@@ -20,7 +20,7 @@ constexpr std::size_t kLeaves = kLeavesPerEdge;
 using LeafMask = std::array<std::uint64_t, kLeaves>;
 
 const RayCastKernels& ray_cast_kernels() {
-    static const KernelFamily<RayCastKernels> family(fill_ray_cast_scalar, nullptr, nullptr);
+    static const KernelFamily<RayCastKernels> family(fill_ray_cast_scalar, fill_ray_cast_sse41, fill_ray_cast_avx2);
     return family.in_force();
 }
 

@@ -1,0 +1,175 @@
+#include <immintrin.h>
+
+#include "ip_volr/kernels/ray_cast_job.h"
+#include "ip_volr/kernels/ray_cast_lanes.h"
+
+namespace ip_volr::kernels {
+
+namespace {
+
+// For each set of lanes, their numbers in ascending order.
+struct CompressOrders {
+    std::uint8_t lanes[256][8];
+};
+
+constexpr CompressOrders make_compress_orders() {
+    CompressOrders orders{};
+    for (int mask = 0; mask < 256; mask++) {
+        int next = 0;
+        for (int lane = 0; lane < 8; lane++) {
+            if ((mask >> lane & 1) != 0) {
+                orders.lanes[mask][next++] = static_cast<std::uint8_t>(lane);
+            }
+        }
+    }
+    return orders;
+}
+
+constexpr CompressOrders kCompressOrders = make_compress_orders();
+
+// Eight lanes of 32 bits.
+struct Avx2Lanes {
+    using Int = __m256i;
+    using Float = __m256;
+    static constexpr int kCount = 8;
+
+    static Int set(std::int32_t value) { return _mm256_set1_epi32(value); }
+    static Float set(float value) { return _mm256_set1_ps(value); }
+    template <class T>
+    static Int load(const T* words) {
+        return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(words));
+    }
+    template <class T>
+    static void store(T* words, Int value) {
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(words), value);
+    }
+    static Int first_lanes(int count) {
+        return _mm256_cmpgt_epi32(_mm256_set1_epi32(count), _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7));
+    }
+
+    static Int add(Int a, Int b) { return _mm256_add_epi32(a, b); }
+    static Int sub(Int a, Int b) { return _mm256_sub_epi32(a, b); }
+    static Int mul_low(Int a, Int b) { return _mm256_mullo_epi32(a, b); }
+    static Int min(Int a, Int b) { return _mm256_min_epi32(a, b); }
+    static Int max(Int a, Int b) { return _mm256_max_epi32(a, b); }
+    static Int absolute(Int a) { return _mm256_abs_epi32(a); }
+    template <int bits>
+    static Int shift_left(Int a) {
+        return _mm256_slli_epi32(a, bits);
+    }
+    template <int bits>
+    static Int shift_right(Int a) {
+        return _mm256_srli_epi32(a, bits);
+    }
+    static Int bit_and(Int a, Int b) { return _mm256_and_si256(a, b); }
+    static Int bit_and_not(Int a, Int b) { return _mm256_andnot_si256(a, b); }
+    static Int bit_or(Int a, Int b) { return _mm256_or_si256(a, b); }
+    static Int bit_xor(Int a, Int b) { return _mm256_xor_si256(a, b); }
+    static Int greater(Int a, Int b) { return _mm256_cmpgt_epi32(a, b); }
+    static Int select(Int mask, Int a, Int b) { return _mm256_blendv_epi8(b, a, mask); }
+    static int mask(Int a) { return _mm256_movemask_ps(_mm256_castsi256_ps(a)); }
+    static int count_bits(int bits) { return __builtin_popcount(static_cast<unsigned>(bits)); }
+
+    static Int madd(Int a, Int b) { return _mm256_madd_epi16(a, b); }
+    static Int mul_high_16(Int a, Int b) { return _mm256_mulhi_epu16(a, b); }
+    static Int add_saturated_16(Int a, Int b) { return _mm256_adds_epu16(a, b); }
+    static Int saturating_product_16(Int a, Int b) {
+        const Int fits = _mm256_cmpeq_epi16(_mm256_mulhi_epu16(a, b), _mm256_setzero_si256());
+        const Int overflow = _mm256_xor_si256(fits, _mm256_set1_epi32(-1));
+        return _mm256_or_si256(_mm256_mullo_epi16(a, b), overflow);
+    }
+
+    static Float to_float(Int a) { return _mm256_cvtepi32_ps(a); }
+    static Int round(Float a) { return _mm256_cvtps_epi32(a); }
+    static Int truncate(Float a) { return _mm256_cvttps_epi32(a); }
+    static Float add(Float a, Float b) { return _mm256_add_ps(a, b); }
+    static Float sub(Float a, Float b) { return _mm256_sub_ps(a, b); }
+    static Float mul(Float a, Float b) { return _mm256_mul_ps(a, b); }
+    static Float div(Float a, Float b) { return _mm256_div_ps(a, b); }
+    static Float sqrt(Float a) { return _mm256_sqrt_ps(a); }
+    static Float min(Float a, Float b) { return _mm256_min_ps(a, b); }
+    static Float max(Float a, Float b) { return _mm256_max_ps(a, b); }
+    static Float keep_where_greater(Float a, Float b, Float value) {
+        return _mm256_and_ps(_mm256_cmp_ps(a, b, _CMP_GT_OQ), value);
+    }
+
+    static Int load_word(const std::uint32_t* words, Int index) {
+        return _mm256_i32gather_epi32(reinterpret_cast<const int*>(words), index, 4);
+    }
+    static Int load_byte(const std::int8_t* bytes, Int index) {
+        const Int words = _mm256_i32gather_epi32(reinterpret_cast<const int*>(bytes), index, 1);
+        return _mm256_srai_epi32(_mm256_slli_epi32(words, 24), 24);
+    }
+
+    // Two words of lanes 2i (low) and 2i + 1 (high), whose indices share 64 bits. Plain loads beat the gather.
+    static __m128i load_2_of_2(const std::uint32_t* words, std::uint64_t indices) {
+        const __m128i low = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(words + (indices & 0xffffffff)));
+        const auto* const high = reinterpret_cast<const __m64*>(words + (indices >> 32));
+        return _mm_castps_si128(_mm_loadh_pi(_mm_castsi128_ps(low), high));
+    }
+
+    // words[index] and words[index + 1] of each lane.
+    static void load_2(const std::uint32_t* words, Int index, Int& first, Int& second) {
+        const __m128i low = _mm256_castsi256_si128(index);
+        const __m128i high = _mm256_extracti128_si256(index, 1);
+        const __m128i lanes_01 = load_2_of_2(words, static_cast<std::uint64_t>(_mm_cvtsi128_si64(low)));
+        const __m128i lanes_23 = load_2_of_2(words, static_cast<std::uint64_t>(_mm_extract_epi64(low, 1)));
+        const __m128i lanes_45 = load_2_of_2(words, static_cast<std::uint64_t>(_mm_cvtsi128_si64(high)));
+        const __m128i lanes_67 = load_2_of_2(words, static_cast<std::uint64_t>(_mm_extract_epi64(high, 1)));
+        const __m256 a = _mm256_castsi256_ps(_mm256_inserti128_si256(_mm256_castsi128_si256(lanes_01), lanes_45, 1));
+        const __m256 b = _mm256_castsi256_ps(_mm256_inserti128_si256(_mm256_castsi128_si256(lanes_23), lanes_67, 1));
+        first = _mm256_castps_si256(_mm256_shuffle_ps(a, b, 0x88));
+        second = _mm256_castps_si256(_mm256_shuffle_ps(a, b, 0xdd));
+    }
+
+    // words[index] to words[index + 3] of each lane.
+    static void load_4(const std::uint32_t* words, Int index, Int (&out)[4]) {
+        alignas(32) std::uint32_t indices[8];
+        _mm256_store_si256(reinterpret_cast<__m256i*>(indices), index);
+        __m256i pairs[4];
+        for (int i = 0; i < 4; i++) {
+            const __m128i low = _mm_loadu_si128(reinterpret_cast<const __m128i*>(words + indices[i]));
+            const __m128i high = _mm_loadu_si128(reinterpret_cast<const __m128i*>(words + indices[i + 4]));
+            pairs[i] = _mm256_inserti128_si256(_mm256_castsi128_si256(low), high, 1);
+        }
+        const __m256i a = _mm256_unpacklo_epi32(pairs[0], pairs[1]);
+        const __m256i b = _mm256_unpacklo_epi32(pairs[2], pairs[3]);
+        const __m256i c = _mm256_unpackhi_epi32(pairs[0], pairs[1]);
+        const __m256i d = _mm256_unpackhi_epi32(pairs[2], pairs[3]);
+        out[0] = _mm256_unpacklo_epi64(a, b);
+        out[1] = _mm256_unpackhi_epi64(a, b);
+        out[2] = _mm256_unpacklo_epi64(c, d);
+        out[3] = _mm256_unpackhi_epi64(c, d);
+    }
+
+    static Int compress_order(int lanes) {
+        return _mm256_cvtepu8_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(kCompressOrders.lanes[lanes])));
+    }
+    template <class T>
+    static void store_compressed(T* words, Int value, Int order) {
+        store(words, _mm256_permutevar8x32_epi32(value, order));
+    }
+
+    // Sums are four 16-bit fields: blue, green, red and one unused.
+    static void clear_sums(std::uint16_t* sums) {
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(sums), _mm_setzero_si128());
+    }
+    static void add_to_sums(std::uint16_t* sums, std::uint32_t blue_red, std::uint32_t green) {
+        const std::uint64_t light = (blue_red & 0xffff) | green << 16 | std::uint64_t{blue_red >> 16} << 32;
+        const __m128i old = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(sums));
+        const __m128i sum = _mm_adds_epu16(old, _mm_cvtsi64_si128(static_cast<long long>(light)));
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(sums), sum);
+    }
+};
+
+void cast(const RayCastJob& job) {
+    RayCaster<Avx2Lanes>(job).cast();
+}
+
+}  // namespace
+
+void fill_ray_cast_avx2(RayCastKernels& table) {
+    table.cast = cast;
+}
+
+}  // namespace ip_volr::kernels
