@@ -15,13 +15,15 @@
 namespace {
 
 constexpr int kLayersPerGroup = 36;  // layers whose slices are mapped at once
-constexpr int kSlicesPerLayer = IP_VOLRC_BrickData::kEdge;
+constexpr int kEdge = IP_VOLRC_BrickData::kEdge;
 constexpr unsigned int kNoTissue = 15;
 
 // The tissues of a scan. Bytes hold two voxels; which bytes occurred is noted first and taken apart once.
 struct SeenTissues {
     bool bytes[256] = {};
     unsigned int tissues = 0;  // bit t for tissue t, from single voxels
+    std::uint64_t last_eight = 0;
+    bool has_last_eight = false;
 
     unsigned int all() const {
         unsigned int mask = tissues;
@@ -33,16 +35,18 @@ struct SeenTissues {
 };
 
 void note_bytes(const unsigned char* bytes, std::size_t count, SeenTissues& seen) {
-    // Tissues come in large uniform regions: eight bytes like the one before them say nothing new.
+    // Tissues come in large uniform regions: eight bytes like the eight before them say nothing new.
     std::size_t i = 0;
     for (; i + 8 <= count; i += 8) {
         std::uint64_t eight;
         std::memcpy(&eight, bytes + i, sizeof(eight));
-        seen.bytes[bytes[i]] = true;
-        if (eight != std::rotl(eight, 8)) {
-            for (std::size_t k = 1; k < 8; ++k) {
-                seen.bytes[bytes[i + k]] = true;
-            }
+        if (eight == seen.last_eight && seen.has_last_eight) {
+            continue;
+        }
+        seen.last_eight = eight;
+        seen.has_last_eight = true;
+        for (std::size_t k = 0; k < 8; ++k) {
+            seen.bytes[bytes[i + k]] = true;
         }
     }
     for (; i < count; ++i) {
@@ -65,27 +69,26 @@ void note_voxels(const unsigned char* slice, std::int64_t first, std::int64_t en
     }
 }
 
-// The tissues, bit t for tissue t, in brick (bx, by) of the layer with the given slices of width x height voxels.
-unsigned int tissues_of_brick(const std::vector<const unsigned char*>& slices, int width, int height, int bx, int by) {
-    SeenTissues seen;
-    const int x0 = bx * IP_VOLRC_BrickData::kEdge;
-    const int x1 = std::min(x0 + IP_VOLRC_BrickData::kEdge, width);
-    const int y0 = by * IP_VOLRC_BrickData::kEdge;
-    const int y1 = std::min(y0 + IP_VOLRC_BrickData::kEdge, height);
-    if (x0 >= x1 || y0 >= y1) {
-        return 0;
-    }
+// Notes the tissues of the bricks of row `by` of a layer, one entry for each brick, in the layer's slices of width x
+// height voxels. Image rows are read from end to end, in the order in which they lie in memory.
+void note_brick_row(const std::vector<const unsigned char*>& slices, int width, int height, int by,
+                    std::vector<SeenTissues>& bricks) {
+    std::fill(bricks.begin(), bricks.end(), SeenTissues{});
+    const int num_bricks = std::min(static_cast<int>(bricks.size()), (width + kEdge - 1) / kEdge);
+    const int y0 = by * kEdge;
+    const int y1 = std::min(y0 + kEdge, height);
     for (const unsigned char* const slice : slices) {
-        if (slice == nullptr) {
-            seen.tissues |= 1U << kNoTissue;
-            continue;
-        }
         for (int y = y0; y < y1; ++y) {
             const std::int64_t row = static_cast<std::int64_t>(y) * width;
-            note_voxels(slice, row + x0, row + x1, seen);
+            for (int bx = 0; bx < num_bricks; ++bx) {
+                if (slice == nullptr) {
+                    bricks[bx].tissues |= 1U << kNoTissue;
+                } else {
+                    note_voxels(slice, row + bx * kEdge, row + std::min((bx + 1) * kEdge, width), bricks[bx]);
+                }
+            }
         }
     }
-    return seen.all();
 }
 
 void store_tissues(unsigned int tissues, IP_VOLRC_BrickData& brick) {
@@ -115,9 +118,9 @@ bool IP_VOLRC_BrickStructure::UpdateTissue(IP_VolData* tissues) {
     int dims[3];
     tissues->GetBox()->GetDims(dims);
     for (int layer = 0; layer < m_NumBricksZ; layer += kLayersPerGroup) {
-        const int first = std::max(0, layer * kSlicesPerLayer - 1);
-        const int last = static_cast<int>(std::min<std::int64_t>(
-            (static_cast<std::int64_t>(layer) + kLayersPerGroup) * kSlicesPerLayer, dims[2] - 1));
+        const int first = std::max(0, layer * kEdge - 1);
+        const int last = static_cast<int>(
+            std::min<std::int64_t>((static_cast<std::int64_t>(layer) + kLayersPerGroup) * kEdge, dims[2] - 1));
         std::vector<IP_Slice*> slices;
         ip_volr::append_slices(*tissues, first, last, slices);
         const ip_volr::MappedSlices mapped(std::move(slices));
@@ -147,18 +150,20 @@ void IP_VOLRC_BrickStructure::UpdateTissuesInParrallel() {
     m_TissueVolData->GetBox()->GetDims(dims);
     const int end_layer = std::min(m_CurrentGroup + kLayersPerGroup, m_NumBricksZ);
     std::vector<const unsigned char*> pixels;
+    std::vector<SeenTissues> seen(m_NumBricksX);
     for (int layer = m_CurrentGroup + self.GetSubtaskIndex(); layer < end_layer; layer += self.GetNumberOfSubtasks()) {
         self.Service();
-        const int z0 = layer * kSlicesPerLayer;
-        const int z1 = std::min(z0 + kSlicesPerLayer, dims[2]);
+        const int z0 = layer * kEdge;
+        const int z1 = std::min(z0 + kEdge, dims[2]);
         pixels.clear();
         for (int z = z0; z < z1; ++z) {
             pixels.push_back(ip_volr::mapped_pixels<IP_TisIndSlice>(m_TissueVolData->GetSlice(z), dims[0], dims[1]));
         }
         IP_VOLRC_BrickData* brick = m_Layers[layer];
         for (int y = 0; y < m_NumBricksY; ++y) {
+            note_brick_row(pixels, dims[0], dims[1], y, seen);
             for (int x = 0; x < m_NumBricksX; ++x, ++brick) {
-                store_tissues(tissues_of_brick(pixels, dims[0], dims[1], x, y), *brick);
+                store_tissues(seen[x].all(), *brick);
             }
         }
     }
