@@ -101,13 +101,13 @@ void IP_update_clip_bounds(double value0, double step, int& first, int& last) {
     // decides about that one.
     const double crossing = std::clamp(-value0 / step, first - 1.0, last + 1.0);
     if (step > 0.0) {
-        int bound = std::min(static_cast<int>(std::floor(crossing)) + 1, last);
+        int bound = static_cast<int>(std::min(std::floor(crossing) + 1.0, static_cast<double>(last)));
         while (bound >= first && !is_inside(bound)) {
             --bound;
         }
         last = bound;
     } else {
-        int bound = std::max(static_cast<int>(std::ceil(crossing)) - 1, first);
+        int bound = static_cast<int>(std::max(std::ceil(crossing) - 1.0, static_cast<double>(first)));
         while (bound <= last && !is_inside(bound)) {
             ++bound;
         }

@@ -316,7 +316,7 @@ IP_RealBitVol::IP_RealBitVol(const IP_ListVol* list, const IP_BoxParams* place, 
     : IP_BitVol(place_box(list, nullptr)), m_Box(place_box(list, place)) {
     int dims[3];
     m_Dims.GetDims(dims);
-    for (int z = 0; z < dims[2]; ++z) {
+    for (int z = 0; list != nullptr && z < dims[2]; ++z) {
         for (int y = 0; y < dims[1]; ++y) {
             for (const IP_ListVol::Run& run : list->GetRuns(y, z)) {
                 for (int x = run.first; x < run.last; ++x) {
