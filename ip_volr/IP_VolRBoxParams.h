@@ -1,0 +1,67 @@
+// Parameters of one box, that is, of one volume (or of the part of it drawn from one prepared copy) in a request.
+#pragma once
+
+#include "host/geometry.h"
+#include "host/memory_pager.h"
+#include "ip_volr/IP_VOLR_Export.h"
+
+// What a projection leaves about its sheared picture. Plain data; one thread at a time.
+class IP_VOLR_EXPORT IP_VolRBoxParams {
+public:
+    IP_VolRBoxParams() {}  // leaves the picture's size and origin and m_PhysToVirtual unset
+    IP_VolRBoxParams(const IP_VolRBoxParams&) = default;
+    IP_VolRBoxParams& operator=(const IP_VolRBoxParams&) = default;
+    virtual ~IP_VolRBoxParams();
+
+    int m_PictureCapacity = 0;  // pixels for which the picture was allocated
+    int m_PictureWidth;         // pixels
+    int m_PictureHeight;
+    float m_OriginX;  // of the first slice in the picture, pixels: the centre of its first voxel, where integers are
+    float m_OriginY;  // the corners of picture pixels
+    int m_ClipStamp = -1;  // the clip manager's change counter at the last bounds; -1 forces the first computation
+    float m_PhysToVirtual[4][4];  // physical mm to virtual mm
+    IP_Box m_Box;                 // lattice of the projected slices: x and y in the picture, z through the slices
+};
+
+// The box of a maximum-intensity projection.
+class IP_VOLR_EXPORT IP_VolRBoxParamsMIP : public IP_VolRBoxParams {
+public:
+    IP_VolRBoxParamsMIP() = default;
+    IP_VolRBoxParamsMIP(const IP_VolRBoxParamsMIP&) = default;
+    IP_VolRBoxParamsMIP& operator=(const IP_VolRBoxParamsMIP&) = default;
+    ~IP_VolRBoxParamsMIP() override;  // frees no picture: see IP_MIPProjector::FreePictures
+
+    MEM_PagerInfo m_Picture;  // sheared picture, m_PictureWidth x m_PictureHeight signed 16-bit pixels without gaps
+    int m_MaxIntoOutput = 0;  // non-zero: the warp combines with the output by maximum; zero: it overwrites
+    int m_IsSigned = 0;       // of the volume's first slice
+    int m_BitsStored = 0;
+};
+
+// The box of a volume rendering.
+class IP_VOLR_EXPORT IP_VolRBoxParamsVolR : public IP_VolRBoxParams {
+public:
+    IP_VolRBoxParamsVolR() {}                             // leaves the two matrices unset
+    IP_VolRBoxParamsVolR(const IP_VolRBoxParamsVolR& o);  // shares the two arrays
+    // Drops the target's two arrays and copies neither arrays nor matrices.
+    IP_VolRBoxParamsVolR& operator=(IP_VolRBoxParamsVolR& o);
+    ~IP_VolRBoxParamsVolR() override;  // leaves the two arrays to whoever allocated them
+
+    // Allocates n lighting points of 16 bytes from the memory pager, unmapped; an earlier array is freed first. A
+    // refusal leaves the handle without a block.
+    void Allocate_LightingPoint3DArr(int n);
+    void Destroy_LightingPoint3DArr();
+
+    unsigned char* m_HostArrayA = nullptr;  // from array-new
+    unsigned char* m_HostArrayB = nullptr;
+    int m_HostCountA = 0;
+    int m_HostCountB = 0;
+    MEM_PagerInfo m_HostBuffer;
+    MEM_PagerInfo m_DepthBuffer;  // for picking
+    MEM_PagerInfo lightingPoint3DArr;
+    float m_ScreenToPhysical[4][4];
+    float m_HostMatrix[4][4];
+    bool m_DepthBufferValid = false;
+
+private:
+    bool m_OwnsLightingPoints = false;  // only the object that allocated the points frees them
+};

@@ -1,0 +1,151 @@
+// SSE4.1 kernels of the maximum-intensity projection: eight pixels at a time, the rest one by one.
+#include "ip_volr/kernels/mip_kernels.h"
+
+#include <smmintrin.h>
+
+namespace ip_volr::kernels {
+
+namespace {
+
+constexpr std::size_t kLanes = 8;
+
+__m128i load(const std::int16_t* p) {
+    return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+}
+void store(std::int16_t* p, __m128i v) {
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(p), v);
+}
+
+void fill(std::int16_t* dst, std::size_t count, std::int16_t value) {
+    const __m128i v = _mm_set1_epi16(value);
+    std::size_t i = 0;
+    for (; i + kLanes <= count; i += kLanes) {
+        store(dst + i, v);
+    }
+    for (; i < count; i++) {
+        dst[i] = value;
+    }
+}
+
+void max_row(std::int16_t* dst, const std::int16_t* src, std::size_t count) {
+    std::size_t i = 0;
+    for (; i + kLanes <= count; i += kLanes) {
+        store(dst + i, _mm_max_epi16(load(dst + i), load(src + i)));
+    }
+    for (; i < count; i++) {
+        dst[i] = dst[i] > src[i] ? dst[i] : src[i];
+    }
+}
+
+void max_row_weighted(std::int16_t* dst, const std::int16_t* src, std::size_t count, MipWeightRamp weight) {
+    const std::uint32_t step = static_cast<std::uint32_t>(weight.step);
+    const std::uint32_t start = static_cast<std::uint32_t>(weight.start);
+    __m128i w0 = _mm_setr_epi32(static_cast<int>(start), static_cast<int>(start + step),
+                                static_cast<int>(start + 2 * step), static_cast<int>(start + 3 * step));
+    __m128i w1 = _mm_add_epi32(w0, _mm_set1_epi32(static_cast<int>(4 * step)));
+    const __m128i advance = _mm_set1_epi32(static_cast<int>(kLanes * step));
+    const __m128i zero = _mm_setzero_si128();
+    std::size_t i = 0;
+    for (; i + kLanes <= count; i += kLanes) {
+        const __m128i w = _mm_max_epi16(_mm_packs_epi32(_mm_srai_epi32(w0, 16), _mm_srai_epi32(w1, 16)), zero);
+        store(dst + i, _mm_max_epi16(load(dst + i), _mm_mulhrs_epi16(load(src + i), w)));
+        w0 = _mm_add_epi32(w0, advance);
+        w1 = _mm_add_epi32(w1, advance);
+    }
+    const std::uint32_t rest = start + static_cast<std::uint32_t>(i) * step;
+    mip_scalar::max_row_weighted(dst + i, src + i, count - i, {static_cast<std::int32_t>(rest), weight.step});
+}
+
+struct Weights {
+    __m128i near_pair;
+    __m128i far_pair;
+    __m128i half;
+
+    explicit Weights(const MipBilinear& w)
+        : near_pair(_mm_set1_epi32(
+              static_cast<int>(static_cast<std::uint32_t>(w.a1) << 16 | static_cast<std::uint32_t>(w.a0)))),
+          far_pair(_mm_set1_epi32(
+              static_cast<int>(static_cast<std::uint32_t>(w.b1) << 16 | static_cast<std::uint32_t>(w.b0)))),
+          half(_mm_set1_epi32(16384)) {}
+};
+
+__m128i sample(const std::int16_t* near_row, const std::int16_t* far_row, std::ptrdiff_t step, const Weights& w) {
+    const __m128i a0 = load(near_row);
+    const __m128i a1 = load(near_row + step);
+    const __m128i b0 = load(far_row);
+    const __m128i b1 = load(far_row + step);
+    const __m128i low = _mm_add_epi32(_mm_madd_epi16(_mm_unpacklo_epi16(a0, a1), w.near_pair),
+                                      _mm_madd_epi16(_mm_unpacklo_epi16(b0, b1), w.far_pair));
+    const __m128i high = _mm_add_epi32(_mm_madd_epi16(_mm_unpackhi_epi16(a0, a1), w.near_pair),
+                                       _mm_madd_epi16(_mm_unpackhi_epi16(b0, b1), w.far_pair));
+    return _mm_packs_epi32(_mm_srai_epi32(_mm_add_epi32(low, w.half), 15),
+                           _mm_srai_epi32(_mm_add_epi32(high, w.half), 15));
+}
+
+void max_row_bilinear(std::int16_t* dst, const std::int16_t* near_row, const std::int16_t* far_row, std::size_t count,
+                      const MipBilinear& weights) {
+    const Weights w(weights);
+    std::size_t i = 0;
+    for (; i + kLanes <= count; i += kLanes) {
+        store(dst + i, _mm_max_epi16(load(dst + i), sample(near_row + i, far_row + i, weights.step, w)));
+    }
+    mip_scalar::max_row_bilinear(dst + i, near_row + i, far_row + i, count - i, weights);
+}
+
+void row_bilinear(std::int16_t* dst, const std::int16_t* near_row, const std::int16_t* far_row, std::size_t count,
+                  const MipBilinear& weights) {
+    const Weights w(weights);
+    std::size_t i = 0;
+    for (; i + kLanes <= count; i += kLanes) {
+        store(dst + i, sample(near_row + i, far_row + i, weights.step, w));
+    }
+    mip_scalar::row_bilinear(dst + i, near_row + i, far_row + i, count - i, weights);
+}
+
+// Transposes a tile of 8 x 8 pixels in three rounds of interleaving.
+void transpose_tile(std::int16_t* dst, std::size_t dst_stride, const std::int16_t* src, std::size_t src_stride) {
+    __m128i r[8];
+    for (std::size_t k = 0; k < 8; k++) {
+        r[k] = load(src + k * src_stride);
+    }
+    __m128i a[8];
+    for (std::size_t k = 0; k < 4; k++) {
+        a[2 * k] = _mm_unpacklo_epi16(r[2 * k], r[2 * k + 1]);
+        a[2 * k + 1] = _mm_unpackhi_epi16(r[2 * k], r[2 * k + 1]);
+    }
+    __m128i b[8];
+    for (std::size_t k = 0; k < 2; k++) {
+        b[4 * k] = _mm_unpacklo_epi32(a[4 * k], a[4 * k + 2]);
+        b[4 * k + 1] = _mm_unpackhi_epi32(a[4 * k], a[4 * k + 2]);
+        b[4 * k + 2] = _mm_unpacklo_epi32(a[4 * k + 1], a[4 * k + 3]);
+        b[4 * k + 3] = _mm_unpackhi_epi32(a[4 * k + 1], a[4 * k + 3]);
+    }
+    for (std::size_t k = 0; k < 4; k++) {
+        store(dst + 2 * k * dst_stride, _mm_unpacklo_epi64(b[k], b[k + 4]));
+        store(dst + (2 * k + 1) * dst_stride, _mm_unpackhi_epi64(b[k], b[k + 4]));
+    }
+}
+
+void transpose(std::int16_t* dst, std::size_t dst_stride, const std::int16_t* src, std::size_t src_stride,
+               std::size_t columns, std::size_t rows) {
+    const std::size_t full_columns = columns - columns % 8;
+    const std::size_t full_rows = rows - rows % 8;
+    // Source lines stay in the first cache while all tiles that read them are done.
+    for (std::size_t x = 0; x < full_columns; x += 8) {
+        for (std::size_t y = 0; y < full_rows; y += 8) {
+            transpose_tile(dst + y * dst_stride + x, dst_stride, src + x * src_stride + y, src_stride);
+        }
+    }
+    mip_scalar::transpose(dst + full_rows * dst_stride, dst_stride, src + full_rows, src_stride, full_columns,
+                          rows - full_rows);
+    mip_scalar::transpose(dst + full_columns, dst_stride, src + full_columns * src_stride, src_stride,
+                          columns - full_columns, rows);
+}
+
+}  // namespace
+
+void add_mip_sse41(MipKernels& table) {
+    table = {fill, max_row, max_row_weighted, max_row_bilinear, row_bilinear, transpose};
+}
+
+}  // namespace ip_volr::kernels
