@@ -38,7 +38,9 @@ void set_picture_dims(IP_Box& box, const IP_VolRParams& params) {
     box.SetDims(dims);
 }
 
-float finite_or(float v, float otherwise) { return std::isfinite(v) ? v : otherwise; }
+float finite_or(float v, float otherwise) {
+    return std::isfinite(v) ? v : otherwise;
+}
 
 }  // namespace
 
@@ -59,7 +61,9 @@ IP_ShearWarpProjector& IP_ShearWarpProjector::operator=(const IP_ShearWarpProjec
     return *this;
 }
 
-IP_ShearWarpProjector::~IP_ShearWarpProjector() { free_requests(); }
+IP_ShearWarpProjector::~IP_ShearWarpProjector() {
+    free_requests();
+}
 
 void IP_ShearWarpProjector::PhysicalToVirtual(IP_BoxParams* bp, const float m[4][4], float out[4][4]) {
     float middle[3];
@@ -139,7 +143,8 @@ void IP_ShearWarpProjector::Reset(IP_VolRParams* params, int selector) {
     }
 
     // A picture without pixels counts as square.
-    float aspect = params->m_Width != 0 ? static_cast<float>(params->m_Height) / static_cast<float>(params->m_Width) : 1.0F;
+    float aspect =
+        params->m_Width != 0 ? static_cast<float>(params->m_Height) / static_cast<float>(params->m_Width) : 1.0F;
     if (!(aspect > 0.0F)) {
         aspect = 1.0F;
     }
@@ -226,7 +231,9 @@ int IP_ShearWarpProjector::calc_transp_z(float angle_degrees, int n) {
     return 0;
 }
 
-int IP_ShearWarpProjector::set_trans_dir(int dir, int min_dir) { return dir == 2 && min_dir == 0 ? 2 : 1; }
+int IP_ShearWarpProjector::set_trans_dir(int dir, int min_dir) {
+    return dir == 2 && min_dir == 0 ? 2 : 1;
+}
 
 int IP_ShearWarpProjector::set_not_trans_dir(int dir, int min_dir) {
     if (dir != 0) {
@@ -235,7 +242,9 @@ int IP_ShearWarpProjector::set_not_trans_dir(int dir, int min_dir) {
     return min_dir == 1 ? 2 : 1;
 }
 
-void IP_ShearWarpProjector::switch_dirs_x(IP_Box* box, int a, int b) { IP_VolDataProj::switch_dirs(box, a, b); }
+void IP_ShearWarpProjector::switch_dirs_x(IP_Box* box, int a, int b) {
+    IP_VolDataProj::switch_dirs(box, a, b);
+}
 
 int IP_ShearWarpProjector::CalcDirSetDBox4Fast(IP_VolDataProj* data, float (&m)[4][4], bool transposed, IP_Box* out) {
     IP_Box* const box = transposed ? data->GetTransposedBox() : data->GetBox();
@@ -291,14 +300,16 @@ int IP_ShearWarpProjector::calc_zvec(float zvec[3], IP_Box* box, const float m[4
         IP_vectrans(step, inverse, zvec);
     } else if (std::fabs(det) > 1e-7 * size && size > 0.0) {
         // Tiny voxels make a small determinant too: solve the same equations by Cramer's rule.
-        zvec[0] = static_cast<float>((static_cast<double>(v[2][0]) * v[1][1] - static_cast<double>(v[2][1]) * v[1][0]) / det);
-        zvec[1] = static_cast<float>((static_cast<double>(v[0][0]) * v[2][1] - static_cast<double>(v[0][1]) * v[2][0]) / det);
+        zvec[0] =
+            static_cast<float>((static_cast<double>(v[2][0]) * v[1][1] - static_cast<double>(v[2][1]) * v[1][0]) / det);
+        zvec[1] =
+            static_cast<float>((static_cast<double>(v[0][0]) * v[2][1] - static_cast<double>(v[0][1]) * v[2][0]) / det);
     } else {
         result = -1;
     }
 
-    // QUIRK(shear-limit): a reader expects the limit to keep the sign, but a shear beyond 100 in either direction becomes
-    // +100; kept: callers rely on it.
+    // QUIRK(shear-limit): a reader expects the limit to keep the sign, but a shear beyond 100 in either direction
+    // becomes +100; kept: callers rely on it.
     for (int i = 0; i < 3; i++) {
         zvec[i] = std::isfinite(zvec[i]) ? zvec[i] : 0.0F;
         zvec[i] = std::fabs(zvec[i]) > kMaxShear ? kMaxShear : zvec[i];

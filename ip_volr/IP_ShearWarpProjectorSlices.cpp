@@ -12,7 +12,9 @@ namespace {
 
 constexpr const char* kSource = "ip_volr/IP_ShearWarpProjector";
 
-int clamp_to_int(float v) { return static_cast<int>(std::clamp(v, -1e9F, 1e9F)); }
+int clamp_to_int(float v) {
+    return static_cast<int>(std::clamp(v, -1e9F, 1e9F));
+}
 
 // Writes the pool's blocks into the quota table, chunk by chunk.
 void fill_quota_table(IP_VolRParams& params, unsigned target) {
@@ -86,8 +88,8 @@ int IP_ShearWarpProjector::map_chunks_slices(IP_VolRParams* params) {
         if (chunks[i]->MapSlices() == 0) {
             continue;
         }
-        // QUIRK(pool-roll-back): a reader expects the chunks before the failed one to be unmapped, but the failed one is:
-        // not at all when it is the second, else i - 1 times, which for the first wraps to some four billion times.
+        // QUIRK(pool-roll-back): a reader expects the chunks before the failed one to be unmapped, but the failed one
+        // is: not at all when it is the second, else i - 1 times, which for the first wraps to some four billion times.
         // Unmapping what is not mapped changes nothing, so the effect is the same with none of these calls, and the
         // chunks before stay mapped; kept: callers rely on it.
         return -1;
@@ -195,8 +197,8 @@ int IP_ShearWarpProjector::map_fast_requested_slices(int, int, int n, IP_Slice**
     return IP_SliceVector::MapIPSliceVec(slices + low, high - low + 1, nullptr, false, false) ? 0 : -1;
 }
 
-// QUIRK(unmap-range): a reader expects the pair of map_fast_requested_slices, but unless the direction is 2 the range is
-// [d_first - 1, d_last], and the text carries the name of the map function; kept: callers rely on it.
+// QUIRK(unmap-range): a reader expects the pair of map_fast_requested_slices, but unless the direction is 2 the range
+// is [d_first - 1, d_last], and the text carries the name of the map function; kept: callers rely on it.
 void IP_ShearWarpProjector::unmap_fast_requested_slices(int, int, int n, IP_Slice** slices, int first, int last,
                                                         int d_first, int d_last, bool forward, bool scaled) {
     int low = d_first == 0 ? 0 : d_first - 1;

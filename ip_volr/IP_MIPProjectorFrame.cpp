@@ -1,0 +1,71 @@
+#include "ip_volr/IP_MIPProjectorFrame.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace ip_volr {
+
+kernels::MipWeightRamp MipDepthWeight::ramp(int column, int row, int sheet, int count) const {
+    // Margins around the voxels may lie beyond both ends of the depth range.
+    constexpr double kMost = 2147483647.0;
+    const double start = at_origin + per_column * column + per_row * row + per_sheet * sheet;
+    const double end = start + per_column * (count - 1);
+    const double first = std::clamp(start, 0.0, kMost);
+    const double last = std::clamp(end, 0.0, kMost);
+    const double step = count > 1 ? (last - first) / (count - 1) : 0.0;
+    return {static_cast<std::int32_t>(first), static_cast<std::int32_t>(step)};
+}
+
+bool MipFrame::is_visible(int stored_slice) const {
+    for (int line = 0; line < stored_rows; line++) {
+        const MipLineBounds b = line_bounds(stored_slice, line);
+        if (b.first <= b.last) {
+            return true;
+        }
+    }
+    return false;
+}
+
+void MipFrame::sheets_in_rows(int row, int first_row, int last_row, int& first, int& last) const {
+    // Rows of successive sheets only grow or only fall.
+    const auto begin = sheets.begin();
+    const auto end = sheets.end();
+    const bool grows = sheets.empty() || sheets.front().y <= sheets.back().y;
+    if (grows) {
+        const auto is_before = [row](const MipPlacement& s, int limit) { return s.y + row < limit; };
+        first = static_cast<int>(std::lower_bound(begin, end, first_row, is_before) - begin);
+        last = static_cast<int>(std::lower_bound(begin, end, last_row, is_before) - begin);
+    } else {
+        const auto is_beyond = [row](const MipPlacement& s, int limit) { return s.y + row >= limit; };
+        first = static_cast<int>(std::lower_bound(begin, end, last_row, is_beyond) - begin);
+        last = static_cast<int>(std::lower_bound(begin, end, first_row, is_beyond) - begin);
+    }
+}
+
+void MipFrame::make_tiles(int tiles) {
+    // Count the voxel rows that land on each picture row.
+    std::vector<long long> rows(static_cast<std::size_t>(height) + 1, 0);
+    for (const MipPlacement& sheet : sheets) {
+        rows[static_cast<std::size_t>(sheet.y)]++;
+        rows[static_cast<std::size_t>(sheet.y + sheet_height)]--;
+    }
+    long long total = 0;
+    for (long long current = 0; long long& row : rows) {
+        current += row;
+        row = current;
+        total += current;
+    }
+
+    tile_rows.assign(static_cast<std::size_t>(tiles) + 1, height);
+    tile_rows[0] = 0;
+    long long done = 0;
+    int tile = 1;
+    for (int y = 0; y < height && tile < tiles; y++) {
+        done += rows[static_cast<std::size_t>(y)];
+        while (tile < tiles && done * tiles >= total * tile) {
+            tile_rows[static_cast<std::size_t>(tile++)] = y + 1;
+        }
+    }
+}
+
+}  // namespace ip_volr
