@@ -19,8 +19,6 @@ using ip_volr::MipPlacement;
 namespace {
 
 constexpr const char* kSource = "ip_volr/IP_MIPProjector";
-constexpr float kThickSlice = 1.2F;
-constexpr float kMaxSliceScale = 16.0F;
 constexpr float kBatchMegabytes = 250.0F;
 constexpr float kMegabytesPerByte = 9.536743e-7F;
 constexpr float kPictureMargin = 2.5F;
@@ -149,11 +147,8 @@ void IP_MIPProjector::scale_thick_slices(IP_Box& working_box) {
         // Draw a thick slice as often as its thickness asks for.
         int dims[3];
         working_box.GetDims(dims);
-        const float zf = working_box.GetSliceZf();
-        const float scale = zf > kThickSlice ? std::min(zf / kThickSlice, kMaxSliceScale) : 1.0F;
-        const float count = static_cast<float>(dims[2]);
-        const int scaled = static_cast<int>(count * scale);
-        index_scale = static_cast<float>(scaled - 1) / (count - kBelowLast);
+        const int scaled = ip_volr::thick_slice_count(dims[2], working_box.GetSliceZf());
+        index_scale = static_cast<float>(scaled - 1) / (static_cast<float>(dims[2]) - kBelowLast);
         dims[2] = scaled;
         working_box.SetDims(dims);
     }

@@ -5,6 +5,14 @@
 
 namespace ip_volr {
 
+int thick_slice_count(int count, float first_slice_z) {
+    constexpr float kThickSlice = 1.2F;
+    // Without a limit a volume far from the origin would ask for millions.
+    constexpr float kMaxScale = 16.0F;
+    const float scale = first_slice_z > kThickSlice ? std::min(first_slice_z / kThickSlice, kMaxScale) : 1.0F;
+    return static_cast<int>(static_cast<float>(count) * scale);
+}
+
 kernels::MipWeightRamp MipDepthWeight::ramp(int column, int row, int sheet, int count) const {
     // Margins around the voxels may lie beyond both ends of the depth range.
     constexpr double kMost = 2147483647.0;

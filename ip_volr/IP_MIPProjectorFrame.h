@@ -9,6 +9,10 @@
 
 namespace ip_volr {
 
+// How many sheets draw `count` stored slices, by the z (mm) of their first slice: one for each, more when that
+// exceeds 1.2.
+int thick_slice_count(int count, float first_slice_z);
+
 // First pixel of a mapped picture block: the first boundary of 64 bytes in it.
 short* picture_pixels(MEM_PagerInfo& mapped);
 
