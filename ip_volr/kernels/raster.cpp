@@ -8,7 +8,7 @@ namespace ip_volr::kernels {
 namespace {
 
 const RasterKernels& raster_kernels() {
-    static const KernelFamily<RasterKernels> family(fill_raster_scalar, nullptr, nullptr);
+    static const KernelFamily<RasterKernels> family(fill_raster_scalar, fill_raster_sse41, fill_raster_avx2);
     return family.in_force();
 }
 
