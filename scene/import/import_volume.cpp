@@ -1,0 +1,136 @@
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cctype>
+#include <fstream>
+
+#include "scene/import/import_context.h"
+#include "scene/import/imported_volume.h"
+#include "scene/import/isolated_process.h"
+#include "scene/import/readers.h"
+#include "scene/import/volume_archive.h"
+
+namespace scene {
+
+namespace {
+
+using namespace import;
+
+bool EndsWith(const std::string& path, const std::string& ending) {
+    if (path.size() < ending.size()) {
+        return false;
+    }
+    const auto equal = [](char a, char b) { return std::tolower(static_cast<unsigned char>(a)) == b; };
+    return std::equal(path.end() - static_cast<std::ptrdiff_t>(ending.size()), path.end(), ending.begin(), equal);
+}
+
+// By name; what has none of the known endings must be DICOM.
+SourceKind KindOf(const std::string& path) {
+    struct stat status {};
+    if (::stat(path.c_str(), &status) != 0) {
+        Refuse(path, "no such file or folder", "check the path");
+    }
+    if (S_ISDIR(status.st_mode)) {
+        return SourceKind::kDicom;
+    }
+    if (!S_ISREG(status.st_mode)) {
+        Refuse(path, "neither a file nor a folder", "name a file or a DICOM folder");
+    }
+    if (!std::ifstream(path)) {
+        Refuse(path, "cannot be opened", "check its permissions");
+    }
+    if (EndsWith(path, ".nii") || EndsWith(path, ".nii.gz")) {
+        return SourceKind::kNifti;
+    }
+    if (EndsWith(path, ".nrrd") || EndsWith(path, ".nhdr")) {
+        return SourceKind::kNrrd;
+    }
+    if (EndsWith(path, ".mha") || EndsWith(path, ".mhd")) {
+        return SourceKind::kMetaImage;
+    }
+    return SourceKind::kDicom;
+}
+
+ImportedVolume Read(ImportContext& context, const std::string& path, SourceKind kind, Content content) {
+    switch (kind) {
+        case SourceKind::kNifti:
+            return ReadNifti(context, path, content);
+        case SourceKind::kNrrd:
+        case SourceKind::kMetaImage:
+            return ReadWithItk(context, path, kind, content);
+        default:
+            return ReadDicom(context, path, content);
+    }
+}
+
+JobResult Run(const std::string& path, const ImportOptions& options, const ImportJob& job) {
+    try {
+        PrepareReaders();
+        return options.isolate ? RunIsolated(path, options, job) : RunInProcess(options, job);
+    } catch (const ImportError&) {
+        throw;
+    } catch (const std::bad_alloc&) {
+        Refuse(path, "reading it needs more memory than there is",
+               "the file may be damaged; else use a larger machine");
+    } catch (const std::length_error&) {
+        Refuse(path, "unreadable file", "the file is damaged; get it anew");
+    }
+}
+
+ImportedVolume Import(const std::string& path, const ImportOptions& options, Content content) {
+    const SourceKind kind = KindOf(path);
+    const auto job = [&](ImportContext& context) {
+        ImportedVolume volume = Read(context, path, kind, content);
+        volume.source = kind;
+        return Pack(volume);
+    };
+    const JobResult result = Run(path, options, job);
+    ImportedVolume volume = UnpackVolume(result.text);
+    volume.voxels = result.voxels;
+    if (volume.voxels.size() != std::size_t(volume.dims[0]) * volume.dims[1] * volume.dims[2]) {
+        Refuse(path, "unreadable file", "the file is damaged; get it anew");
+    }
+    return volume;
+}
+
+}  // namespace
+
+const char* Name(SourceKind kind) {
+    switch (kind) {
+        case SourceKind::kNifti:
+            return "NIfTI";
+        case SourceKind::kNrrd:
+            return "NRRD";
+        case SourceKind::kMetaImage:
+            return "MetaImage";
+        default:
+            return "DICOM";
+    }
+}
+
+VoxelBuffer::VoxelBuffer(std::size_t num_voxels)
+    : m_owner(static_cast<std::int16_t*>(std::calloc(std::max<std::size_t>(num_voxels, 1), sizeof(std::int16_t))),
+              [](std::int16_t* voxels) { std::free(voxels); }),
+      m_numVoxels(num_voxels) {
+    if (!m_owner) {
+        throw std::bad_alloc();
+    }
+}
+
+ImportedVolume ImportVolume(const std::string& path, const ImportOptions& options) {
+    return Import(path, options, Content::kGrey);
+}
+
+ImportedVolume ImportLabels(const std::string& path, const ImportOptions& options) {
+    return Import(path, options, Content::kLabels);
+}
+
+std::vector<SeriesInfo> ListSeries(const std::string& path, const ImportOptions& options) {
+    if (KindOf(path) != SourceKind::kDicom) {
+        return {};
+    }
+    return UnpackSeries(
+        Run(path, options, [&](ImportContext& context) { return Pack(ListDicomSeries(context, path)); }).text);
+}
+
+}  // namespace scene
