@@ -27,8 +27,7 @@ bool IsCloseRatio(double a, double b) {
 
 bool FitTogether(const DicomFrame& a, const DicomFrame& b) {
     const auto identity = [](const DicomFile& file) {
-        return std::tie(file.series_uid, file.frame_of_reference_uid, file.rows, file.columns, file.modality,
-                        file.is_inverted);
+        return std::tie(file.series_uid, file.rows, file.columns, file.modality, file.is_inverted);
     };
     return identity(*a.file) == identity(*b.file) && IsClose(a.along_row, b.along_row) &&
            IsClose(a.along_column, b.along_column) && IsCloseRatio(a.row_step_mm, b.row_step_mm) &&
@@ -56,14 +55,9 @@ double PositionAlongNormal(const DicomFrame& frame, const DicomFrame& reference)
 // Ties fall to path and frame, so that the outcome never depends on the order of the folder.
 void SortByPosition(Frames& frames) {
     const DicomFrame reference = frames.front();
-    const auto key = [&](const DicomFrame& frame) {
-        return std::make_tuple(PositionAlongNormal(frame, reference), std::cref(frame.file->path), frame.index);
-    };
-    std::sort(frames.begin(), frames.end(), [&](const auto& a, const auto& b) {
-        const auto ka = key(a), kb = key(b);
-        return std::get<0>(ka) != std::get<0>(kb)               ? std::get<0>(ka) < std::get<0>(kb)
-               : std::get<1>(ka).get() != std::get<1>(kb).get() ? std::get<1>(ka).get() < std::get<1>(kb).get()
-                                                                : std::get<2>(ka) < std::get<2>(kb);
+    std::sort(frames.begin(), frames.end(), [&](const DicomFrame& a, const DicomFrame& b) {
+        const double position_a = PositionAlongNormal(a, reference), position_b = PositionAlongNormal(b, reference);
+        return std::tie(position_a, a.file->path, a.index) < std::tie(position_b, b.file->path, b.index);
     });
 }
 
@@ -156,9 +150,13 @@ std::vector<Part> PartGroup(Frames frames) {
     static const Criterion kTime = {"time", [](const DicomFrame& f) { return NumberText(f.time); }};
     static const Criterion kKind = {"kind", [](const DicomFrame& f) { return f.kind; }};
 
+    // Last, because anonymised series may have a frame of reference for each slice.
+    static const Criterion kSpace = {"frame of reference",
+                                     [](const DicomFrame& f) { return f.file->frame_of_reference_uid; }};
+
     SortByPosition(frames);
     std::vector<Part> parts = {{std::move(frames), "", 0, 1}};
-    for (const Criterion* criterion : {&kAcquisition, &kKind, &kTime}) {
+    for (const Criterion* criterion : {&kAcquisition, &kKind, &kTime, &kSpace}) {
         std::vector<Part> next;
         for (Part& part : parts) {
             const bool is_apart =

@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <tuple>
+
+#include "scene/import/import_context.h"
 
 namespace scene::import {
 
@@ -58,36 +61,34 @@ void ReplacePadding(const Slice& slice, int replacement) {
 }
 
 // Padding that is higher than measured values would shine through them: it becomes the lowest of them. Padding that is
-// lower already means "less than anything" and stays.
-void SettlePadding(const std::vector<Slice>& slices, int lowest, ImportedVolume& volume) {
+// lower already means "less than anything" and stays. Where values are going to be turned around, the highest stored
+// value is the lowest to be.
+void SettlePadding(const std::vector<Slice>& slices, const SixteenBitCode& range, bool is_falling,
+                   ImportedVolume& volume) {
     bool has_replaced = false;
     for (const Slice& slice : slices) {
         if (!slice.found.has_padding) {
             continue;
         }
-        if (slice.found.padding_value <= lowest) {
+        if (!is_falling && slice.found.padding_value <= range.min_value) {
             volume.padding_value = slice.found.padding_value;
         } else {
-            ReplacePadding(slice, lowest);
+            ReplacePadding(slice, is_falling ? range.max_value : range.min_value);
             has_replaced = true;
         }
     }
     if (has_replaced) {
-        volume.warnings.push_back("padding lies above measured values: it is replaced by the lowest of them");
+        volume.warnings.push_back("padding is replaced by the lowest of the measured values");
     }
 }
 
-SixteenBitCode KeepStoredValues(const std::vector<Slice>& slices, ImportedVolume& volume) {
-    const Slice& first = slices.front();
+// The code that all slices share, over measured values alone.
+SixteenBitCode SharedCode(const std::vector<Slice>& slices) {
     SixteenBitCode code;
-    code.is_signed = first.found.is_signed;
-    code.slope = first.frame.slope;
-    code.intercept = first.frame.intercept;
+    code.is_signed = slices.front().found.is_signed;
+    code.slope = slices.front().frame.slope;
+    code.intercept = slices.front().frame.intercept;
     std::tie(code.min_value, code.max_value) = StoredRange(slices);
-    SettlePadding(slices, code.min_value, volume);
-    if (volume.padding_value) {
-        code.min_value = std::min(code.min_value, *volume.padding_value);
-    }
     return code;
 }
 
@@ -151,49 +152,62 @@ double RimLevel(const std::vector<Slice>& slices, const SixteenBitCode& code) {
         const auto columns = static_cast<std::size_t>(slice.frame.file->columns);
         for (std::size_t i = 0; i < columns; ++i) {
             for (const std::size_t at : {i, slice.count - 1 - i}) {
-                sum += code.is_signed ? slice.values[at] : static_cast<std::uint16_t>(slice.values[at]);
-                count += 1.0;
+                sum += slice.IsPadding(at) ? 0.0 : slice.At(at) - code.min_value;
+                count += slice.IsPadding(at) ? 0.0 : 1.0;
             }
         }
     }
-    return (sum / count - code.min_value) / std::max(code.max_value - code.min_value, 1);
+    return sum / std::max(count, 1.0) / std::max(code.max_value - code.min_value, 1);
 }
 
 // Low values of an inverted picture are meant to look bright. Measured units (HU, activity) keep their meaning however
 // they are shown, unless a CT has its air at the top: then its values themselves are upside down.
-void SettleInversion(const std::vector<Slice>& slices, const VoxelBuffer& voxels, SixteenBitCode& code,
-                     ImportedVolume& volume) {
+bool MustBeInverted(const std::vector<Slice>& slices, const SixteenBitCode& code, ImportedVolume& volume) {
     const DicomFile& file = *slices.front().frame.file;
     if (!file.is_inverted) {
-        return;
+        return false;
     }
     const bool is_measured = file.modality == "CT" || file.modality == "PT" || file.modality == "NM";
-    if (is_measured && !(file.modality == "CT" && RimLevel(slices, code) > 0.5)) {
+    const bool is_upside_down = file.modality == "CT" && (RimLevel(slices, code) > 0.5) != (code.slope < 0.0);
+    if (is_measured && !is_upside_down) {
         volume.warnings.push_back("the picture is marked as inverted (MONOCHROME1): its measured values are kept");
-        return;
+        return false;
     }
+    volume.warnings.push_back("the picture is inverted (MONOCHROME1): values are turned around so that bright is high");
+    return true;
+}
+
+// Turns values around within their range; what they stand for turns around with them.
+void Invert(const SixteenBitCode& code, const VoxelBuffer& voxels) {
     const int pivot = code.min_value + code.max_value;
     for (std::size_t i = 0; i < voxels.size(); ++i) {
         voxels[i] = static_cast<std::int16_t>(pivot - voxels[i]);
     }
-    volume.padding_value.reset();
-    volume.warnings.push_back("the picture is inverted (MONOCHROME1): values are turned around so that bright is high");
 }
 
 }  // namespace
 
 SixteenBitCode UnifyValues(const DicomStack& stack, const std::vector<FrameValues>& found, const VoxelBuffer& voxels,
                            ImportedVolume& volume) {
+    // Find one code.
     const std::vector<Slice> slices = SlicesOf(stack, found, voxels);
     const bool have_one_code = HaveOneCode(slices);
-    SixteenBitCode code = have_one_code ? KeepStoredValues(slices, volume) : Recode(slices, volume);
+    SixteenBitCode code = have_one_code ? SharedCode(slices) : Recode(slices, volume);
     if (!have_one_code) {
         FindRange(code, voxels.data(), voxels.size());
     }
-    SettleInversion(slices, voxels, code, volume);
-    if (code.slope < 0.0) {
-        volume.padding_value.reset();
-        MakeSlopePositive(code, voxels.data(), voxels.size());
+
+    // Let high mean bright, and padding mean dark.
+    const bool is_inverted = MustBeInverted(slices, code, volume);
+    if (have_one_code) {
+        SettlePadding(slices, code, (code.slope < 0.0) != is_inverted, volume);
+    }
+    if (is_inverted) {
+        Invert(code, voxels);
+    }
+    MakeSlopePositive(code, voxels.data(), voxels.size());
+    if (volume.padding_value) {
+        code.min_value = std::min(code.min_value, *volume.padding_value);
     }
     return code;
 }

@@ -17,8 +17,8 @@ namespace scene::import {
 
 namespace {
 
-using Component = itk::ImageIOBase::IOComponentEnum;
-using PixelKind = itk::ImageIOBase::IOPixelEnum;
+using Component = itk::IOComponentEnum;
+using PixelKind = itk::IOPixelEnum;
 
 PixelType TypeOf(const itk::ImageIOBase& io, const std::string& path) {
     switch (io.GetComponentType()) {
