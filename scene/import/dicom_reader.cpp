@@ -1,7 +1,6 @@
 // DICOM folders and files: scan, sort into stacks, choose one, decode it, bring it onto a straight grid.
 #include <gdcmGlobal.h>
 #include <gdcmTrace.h>
-#include <nifti2_io.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -224,7 +223,6 @@ void PrepareReaders() {
         gdcm::Global::GetInstance();
         gdcm::Trace::WarningOff();
         gdcm::Trace::ErrorOff();
-        nifti_set_debug_level(0);
         return true;
     }();
     static_cast<void>(is_ready);
