@@ -10,9 +10,10 @@ namespace {
 
 constexpr char kSource[] = "ip_volr/IP_VolDataProj";
 
-// Padded size of a slice: a multiple of 16, at factor 1 of 32, so that half of it is a multiple of 16 too.
+// Padded size of a slice: a multiple of 16, at factor 1 of 32, so that half of it is a multiple of 16 too. The half is
+// rounded up: 33 voxels do not fit into 32.
 int padded_size(int size, int factor) {
-    return factor == 1 ? ((size / 2 + 15) & ~15) * 2 : (size + 15) & ~15;
+    return factor == 1 ? (((size + 1) / 2 + 15) & ~15) * 2 : (size + 15) & ~15;
 }
 
 }  // namespace
