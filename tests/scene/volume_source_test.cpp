@@ -120,8 +120,7 @@ VolumeSource BallSource(const Vec3& middle_index, double radius_mm, double degre
 TEST(VolumeRendering, AVoxelLandsOnThePixelThatThePictureRecordSays) {
     const Vec3 ball_index = {50.0, 18.0, 20.0};
     for (const double degrees : {0.0, 40.0}) {
-        const VolumeSource& fixed = BallSource(ball_index, 6.0, degrees);
-        VolumeSource& source = const_cast<VolumeSource&>(fixed);
+        VolumeSource source = BallSource(ball_index, 6.0, degrees);
         scene::VolumeRendering rendering(source);
         rendering.SetTransfer(WhiteAbove(0.0), false);
         for (int face = 0; face < 6; ++face) {
@@ -146,8 +145,7 @@ TEST(VolumeRendering, AVoxelLandsOnThePixelThatThePictureRecordSays) {
 
 TEST(VolumeRendering, ClippingKeepsThePositiveSideAndTheNearSideHidesTheFar) {
     const Vec3 ball_index = {50.0, 18.0, 14.0};
-    const VolumeSource& fixed = BallSource(ball_index, 6.0, 40.0);
-    VolumeSource& source = const_cast<VolumeSource&>(fixed);
+    VolumeSource source = BallSource(ball_index, 6.0, 40.0);
     scene::VolumeRendering rendering(source);
     rendering.SetTransfer(WhiteAbove(0.0), false);
     const scene::Camera camera = scene::MakeCamera({}, source.GetSubject());
