@@ -45,6 +45,11 @@ void WriteWith(itk::ImageIOBase& writer, const std::string& path, const VolumeLa
         direction[axis] = 1.0;
         writer.SetDirection(axis, direction);
     }
+    itk::ImageIORegion all(3);
+    for (unsigned axis = 0; axis < 3; ++axis) {
+        all.SetSize(axis, static_cast<itk::SizeValueType>(layout.size[axis]));
+    }
+    writer.SetIORegion(all);
     writer.SetPixelType(itk::IOPixelEnum::SCALAR);
     writer.SetComponentType(component);
     writer.SetNumberOfComponents(1);

@@ -26,6 +26,20 @@ std::vector<std::string> Names(const std::vector<std::string_view>& names) {
     return {names.begin(), names.end()};
 }
 
+// WxH in whole pixels.
+std::array<int, 2> ParseSize(const std::string& text) {
+    int width = 0;
+    int height = 0;
+    const char* const end = text.data() + text.size();
+    const std::from_chars_result w = std::from_chars(text.data(), end, width);
+    const std::from_chars_result h = w.ptr != end && *w.ptr == 'x' ? std::from_chars(w.ptr + 1, end, height) : w;
+    const bool usable = width >= 1 && height >= 1 && width <= kLargestPicture && height <= kLargestPicture;
+    if (h.ptr != end || h.ec != std::errc() || !usable) {
+        Misuse("--size", "\"" + text + "\" is not a picture size", "write it as 512x512, at most 16384x16384");
+    }
+    return {width, height};
+}
+
 void CheckFinite(const std::string& option, double value) {
     if (!std::isfinite(value)) {
         Misuse(option, "is not a number", "give a number");
@@ -150,18 +164,9 @@ scene::View ViewOptions::Parse() const {
         view.pan_x = xy[0];
         view.pan_y = xy[1];
     }
-    const std::size_t times = size.find('x');
-    const std::optional<double> w = ToNumber(std::string_view(size).substr(0, times));
-    const std::optional<double> h =
-        times == std::string::npos ? std::nullopt : ToNumber(std::string_view(size).substr(times + 1));
-    const auto usable = [](const std::optional<double>& n) {
-        return n && *n >= 1.0 && *n <= kLargestPicture && *n == std::floor(*n);
-    };
-    if (!usable(w) || !usable(h)) {
-        Misuse("--size", "\"" + size + "\" is not a picture size", "write it as 512x512, at most 16384x16384");
-    }
-    view.width = static_cast<int>(*w);
-    view.height = static_cast<int>(*h);
+    const std::array<int, 2> pixels = ParseSize(size);
+    view.width = pixels[0];
+    view.height = pixels[1];
     return view;
 }
 

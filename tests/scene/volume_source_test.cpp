@@ -106,8 +106,8 @@ VolumeSource BallSource(const Vec3& middle_index, double radius_mm, double degre
         for (int y = 0; y < v.dims[1]; ++y) {
             for (int x = 0; x < v.dims[0]; ++x) {
                 const double distance =
-                    Length({(x - middle_index.x) * v.spacing_mm[0], (y - middle_index.y) * v.spacing_mm[1],
-                            (z - middle_index.z) * v.spacing_mm[2]});
+                    scene::Length({(x - middle_index.x) * v.spacing_mm[0], (y - middle_index.y) * v.spacing_mm[1],
+                                   (z - middle_index.z) * v.spacing_mm[2]});
                 const double inside = std::clamp(0.5 - (distance - radius_mm) / 2.0, 0.0, 1.0);
                 v.voxels[(static_cast<std::size_t>(z) * v.dims[1] + y) * v.dims[0] + x] =
                     static_cast<std::int16_t>(-1000 + 2000 * inside);
