@@ -163,6 +163,7 @@ private:
     void BuildPrefixTables();
     void CalcLuminosityTables();
     void EvaluateLayers(int first, int last);
+    bool FindTissues(const IP_VolData& tissues);
     void ClearTissues();
 
     int m_NumBricksX = 0;

@@ -9,6 +9,7 @@
 #include <bit>
 #include <cstdint>
 #include <cstring>
+#include <new>
 #include <utility>
 #include <vector>
 
@@ -115,14 +116,23 @@ bool IP_VOLRC_BrickStructure::UpdateTissue(IP_VolData* tissues) {
         return true;
     }
 
+    try {
+        return FindTissues(*tissues);
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+}
+
+// The tissues of all bricks, group after group of layers.
+bool IP_VOLRC_BrickStructure::FindTissues(const IP_VolData& tissues) {
     int dims[3];
-    tissues->GetBox()->GetDims(dims);
+    tissues.GetBox()->GetDims(dims);
     for (int layer = 0; layer < m_NumBricksZ; layer += kLayersPerGroup) {
         const int first = std::max(0, layer * kEdge - 1);
         const int last = static_cast<int>(
             std::min<std::int64_t>((static_cast<std::int64_t>(layer) + kLayersPerGroup) * kEdge, dims[2] - 1));
         std::vector<IP_Slice*> slices;
-        ip_volr::append_slices(*tissues, first, last, slices);
+        ip_volr::append_slices(tissues, first, last, slices);
         const ip_volr::MappedSlices mapped(std::move(slices));
         if (!mapped.IsMapped()) {
             return false;

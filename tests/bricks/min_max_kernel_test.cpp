@@ -75,18 +75,18 @@ TEST_P(MinMaxKernel, ColumnsEqualScalar) {
     std::mt19937 random(2);
     for (const int num_leaves : {0, 8, 16, 24, 128}) {
         for (int variant = 0; variant < 6; ++variant) {
-            std::vector<std::uint16_t> buffers[4];
-            for (auto& buffer : buffers) {
-                buffer = fill(random, variant / 2, 4 * num_leaves + 8);
+            const auto in = fill(random, variant / 2, 4 * (4 * num_leaves + 8));
+            const std::uint16_t* buffers[4];
+            for (int k = 0; k < 4; ++k) {
+                buffers[k] = in.data() + static_cast<std::ptrdiff_t>(k) * (4 * num_leaves + 8);
             }
             std::vector<std::uint32_t> leaves(num_leaves + 1, kGuard);
             auto expected = leaves;
-            const MinMaxRows& tested = variant % 2 == 0 ? m_Tested.of_signed : m_Tested.of_unsigned;
-            const MinMaxRows& scalar = variant % 2 == 0 ? m_Scalar.of_signed : m_Scalar.of_unsigned;
-            tested.reduce_columns(buffers[0].data(), buffers[1].data(), buffers[2].data(), buffers[3].data(),
-                                  num_leaves, leaves.data());
-            scalar.reduce_columns(buffers[0].data(), buffers[1].data(), buffers[2].data(), buffers[3].data(),
-                                  num_leaves, expected.data());
+            for (const MinMaxKernels* const kernels : {&m_Tested, &m_Scalar}) {
+                const MinMaxRows& of_kind = variant % 2 == 0 ? kernels->of_signed : kernels->of_unsigned;
+                of_kind.reduce_columns(buffers[0], buffers[1], buffers[2], buffers[3], num_leaves,
+                                       (kernels == &m_Tested ? leaves : expected).data());
+            }
             ASSERT_EQ(leaves, expected) << "leaves " << num_leaves << " variant " << variant;
         }
     }

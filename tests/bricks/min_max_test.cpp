@@ -40,18 +40,27 @@ TEST_F(BrickMinMax, EveryLeafHoldsItsExtremes) {
     }
 }
 
-// Padding slices share one object without pixel data and with default attributes; others may not have arrived yet.
-TEST_F(BrickMinMax, SlicesWithoutPixelsCountAsTheLowestStoredValue) {
+// Padding slices share one object without pixel data and with default attributes; others may not have arrived yet, or
+// be of a size or kind that would be read out of bounds.
+TEST_F(BrickMinMax, SlicesWithoutUsablePixelsCountAsTheLowestStoredValue) {
     for (const bool is_signed : {false, true}) {
         const int dims[3] = {40, 20, 44};
-        const auto is_missing = [](int z) { return z < 2 || z >= 42 || z == 17 || z == 32; };
+        const auto is_padding = [](int z) { return z < 2 || z >= 42 || z == 32; };
+        const auto is_missing = [&](int z) { return is_padding(z) || z == 17 || z == 20 || z == 23; };
         const VoxelFunction stored = [](int x, int y, int z) { return 50 + static_cast<int>(noise(x, y, z) % 900); };
         const auto volume = make_empty_volume(dims[0], dims[1], dims[2]);
         IP_ShortSlice padding(nullptr, PixelDataAttributes{dims[0], dims[1], 16, is_signed}, 0);
         for (int z = 0; z < dims[2]; ++z) {
-            IP_Slice* const missing = z == 17 ? nullptr : &padding;
-            volume->SetSlice(is_missing(z) ? missing : make_short_slice(dims[0], dims[1], z, 12, is_signed, stored), z);
+            volume->SetSlice(is_padding(z) ? &padding : make_short_slice(dims[0], dims[1], z, 12, is_signed, stored),
+                             z);
         }
+        for (const int z : {17, 20, 23}) {
+            delete volume->GetSlice(z);
+        }
+        volume->SetSlice(nullptr, 17);
+        volume->SetSlice(make_short_slice(8, 8, 20, 12, is_signed, stored), 20);
+        volume->SetSlice(make_slice<IP_RGBASlice>(40, 20, 8, false, std::vector<unsigned>(40 * 20, 7U)), 23);
+
         IP_VOLRC_BrickStructure structure = make_structure(is_signed);
         structure.SetMaxLayerLoaded(1);
         ASSERT_TRUE(structure.Init(volume.get()));
@@ -59,26 +68,11 @@ TEST_F(BrickMinMax, SlicesWithoutPixelsCountAsTheLowestStoredValue) {
             return !is_missing(z) ? stored(x, y, z) : is_signed ? -2048 : 0;
         });
         for (int z = 0; z < dims[2]; ++z) {
-            if (is_missing(z)) {
+            if (is_padding(z)) {
                 volume->SetSlice(nullptr, z);
             }
         }
     }
-}
-
-// A slice of another size or kind than its volume would be read out of bounds: it counts as one without pixels.
-TEST_F(BrickMinMax, SlicesThatDoNotFitAreNotRead) {
-    const int dims[3] = {64, 64, 8};
-    const VoxelFunction value = noise_of_kind(12, false);
-    const auto volume = make_volume(dims[0], dims[1], dims[2], 12, false, value);
-    delete volume->GetSlice(3);
-    volume->SetSlice(make_short_slice(8, 8, 3, 12, false, value), 3);
-    delete volume->GetSlice(5);
-    volume->SetSlice(make_slice<IP_RGBASlice>(64, 64, 8, false, std::vector<unsigned>(64 * 64, 7U)), 5);
-    IP_VOLRC_BrickStructure structure = make_structure(false);
-    structure.SetMaxLayerLoaded(1);
-    ASSERT_TRUE(structure.Init(volume.get()));
-    expect_min_max(structure, dims, false, [&](int x, int y, int z) { return z == 3 || z == 5 ? 0 : value(x, y, z); });
 }
 
 TEST_F(BrickMinMax, StreamingSliceBySliceEndsLikeAWholeVolume) {
@@ -109,22 +103,9 @@ TEST_F(BrickMinMax, StreamingSliceBySliceEndsLikeAWholeVolume) {
 }
 
 TEST_F(BrickMinMax, ArrivedSlicesMarkTheirLayerInThePaddedVolume) {
-    const int dims[3] = {8, 8, 100};
-    int brightness = 10;
-    const VoxelFunction value = [&](int, int, int) { return brightness; };
-    const auto volume = make_volume(dims[0], dims[1], dims[2], 12, false, value);
-    IP_VOLRC_BrickStructure structure = make_structure(false);
-    structure.SetMaxLayerLoaded(1);
-    ASSERT_TRUE(structure.Init(volume.get()));
-    for (int z = 0; z < dims[2]; ++z) {
-        delete volume->GetSlice(z);
-        brightness = 20;
-        volume->SetSlice(make_short_slice(dims[0], dims[1], z, 12, false, value), z);
-    }
-
+    const auto volume = make_volume(8, 8, 100, 12, false, [](int, int, int) { return 20; });
     const auto updated_layers = [&](std::list<int> slices) {
-        structure.Clean();
-        structure.SetMaxLayerLoaded(0);
+        IP_VOLRC_BrickStructure structure = make_structure(false);
         EXPECT_TRUE(structure.Init(volume.get()));
         structure.PrepareUpdatedBricksVector(&slices);
         EXPECT_TRUE(structure.RecalculateMinMaxForNewSlices());
@@ -132,14 +113,14 @@ TEST_F(BrickMinMax, ArrivedSlicesMarkTheirLayerInThePaddedVolume) {
         for (int z = 0; z < 4; ++z) {
             mask |= (structure.GetBrick(0, 0, z)->GetOD(0)->GetData()[0].maximum == 20) << z;
         }
+        structure.PrepareUpdatedBricksVector(nullptr);
+        EXPECT_TRUE(structure.RecalculateMinMaxForNewSlices());
         return mask;
     };
     EXPECT_EQ(updated_layers({30, 29}), 0b0011);
     EXPECT_EQ(updated_layers({61, 62}), 0b0110);
     EXPECT_EQ(updated_layers({29}), 0b0001);
     EXPECT_EQ(updated_layers({-7, 100000, 2147483647}), 0b0000);
-    structure.PrepareUpdatedBricksVector(nullptr);
-    EXPECT_TRUE(structure.RecalculateMinMaxForNewSlices());
 }
 
 }  // namespace

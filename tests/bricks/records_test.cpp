@@ -93,12 +93,11 @@ TEST(BrickRecord, InitLeafWidensThePairAndZeroesLeavesBeyondTheVolume) {
     EXPECT_EQ(pair.minimum, 0);
     EXPECT_EQ(pair.maximum, 0);
 
-    // Only the first leaf of an octant; the other octants lie beyond the volume.
-    brick.GetOD(0)->InitMinMaxTable(kEmptyMinMaxSigned);
+    // Only the first leaf of each octant.
+    octant.InitMinMaxTable(kEmptyMinMaxSigned);
     brick.InitOctree(volume.get());
-    EXPECT_EQ(static_cast<short>(brick.GetOD(0)->GetData()[0].maximum), -300 + 444);
-    EXPECT_EQ(brick.GetOD(0)->GetData()[1].minimum, 0x7FFF);
-    EXPECT_EQ(brick.GetOD(1)->GetData()[0].maximum, 0);
+    EXPECT_EQ(static_cast<short>(octant.GetData()[0].maximum), -300 + 444);
+    EXPECT_EQ(octant.GetData()[1].minimum, 0x7FFF);
     for (int z = 0; z < 5; ++z) {
         volume->GetSlice(z)->UnmapMemory();
     }
