@@ -38,6 +38,23 @@ std::string UniqueSeriesName() {
     return "volr-" + std::to_string(counter.fetch_add(1)) + "-";
 }
 
+// Projections compare voxels as signed numbers: values that need all 16 bits unsigned become signed ones, and the
+// rescale makes up for it. Returns what is added to a stored value.
+int AsSigned(ImportedVolume& info) {
+    constexpr int kOffset = -32768;
+    if (info.is_signed || info.bits_stored < 16) {
+        return 0;
+    }
+    info.is_signed = true;
+    info.min_value += kOffset;
+    info.max_value += kOffset;
+    info.rescale_intercept -= kOffset * info.rescale_slope;
+    if (info.padding_value) {
+        *info.padding_value += kOffset;
+    }
+    return kOffset;
+}
+
 IP_ShortSlice* NewSlice(const PixelDataAttributes& attributes, const std::string& id) {
     auto info = std::make_unique<MEM_PagerInfo>();
     const auto bytes = static_cast<unsigned long long>(attributes.width) * static_cast<unsigned>(attributes.height) * 2;
@@ -92,6 +109,7 @@ IP_Box PatientBox(const std::array<int, 3>& dims, const std::array<double, 12>& 
 }
 
 VolumeSource::VolumeSource(ImportedVolume&& imported) : m_Info(std::move(imported)) {
+    m_StoredOffset = AsSigned(m_Info);
     IP_Box box = PatientBox(m_Info.dims, m_Info.index_to_patient);
     const auto volume = std::make_shared<IP_VolData>(&box, m_Info.dims[2]);
     volume->SetRescaleTrans(m_Info.rescale_slope, m_Info.rescale_intercept);
@@ -110,7 +128,12 @@ void VolumeSource::StoreSlices(const VoxelBuffer& voxels) {
         Volume()->SetSlice(slice, iz);
         std::int16_t* const from = voxels.data() + slice_voxels * static_cast<std::size_t>(iz);
         // A new block comes mapped; the copy ends that mapping.
-        std::memcpy(slice->GetData()->Ptr(), from, slice_voxels * 2);
+        auto* const to = static_cast<std::int16_t*>(slice->GetData()->Ptr());
+        std::memcpy(to, from, slice_voxels * 2);
+        if (m_StoredOffset != 0) {
+            std::for_each(to, to + slice_voxels,
+                          [this](std::int16_t& v) { v = static_cast<std::int16_t>(v + m_StoredOffset); });
+        }
         slice->GetData()->Unmap();
         GiveBack(from, slice_voxels * 2);
     });

@@ -43,7 +43,8 @@ public:
     VolumeSource(const VolumeSource&) = delete;
     VolumeSource& operator=(const VolumeSource&) = delete;
 
-    const ImportedVolume& Info() const { return m_Info; }  // everything but the voxels
+    // Everything but the voxels, of the values as they are stored here: unsigned values of 16 bits become signed ones.
+    const ImportedVolume& Info() const { return m_Info; }
     StoredValues Stored() const;
 
     // One volume, its box in patient mm.
@@ -66,6 +67,7 @@ private:
     void StoreSlices(const VoxelBuffer& voxels);
 
     ImportedVolume m_Info;
+    int m_StoredOffset = 0;  // added to the imported values
     IP_MultiVolData m_Volumes;
     ValueHistogram m_Histogram;
     bool m_HistogramKnown = false;

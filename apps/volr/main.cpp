@@ -60,6 +60,7 @@ int main(int argc, char** argv) {
     volr::AddPhantomVerb(app, run);
     volr::AddPresetsVerb(app, run);
     volr::AddRenderVerb(app, run);
+    volr::AddMipVerb(app, run);
 
     try {
         app.parse(argc, argv);

@@ -111,11 +111,6 @@ scene::ImportedVolume Session::Import(const InputOptions& input) {
     scene::ImportedVolume volume = scene::ImportVolume(input.path, options);
     m_ImportSeconds += watch.Seconds();
 
-    m_Input = {{"dims", volume.dims},
-               {"spacing_mm", volume.spacing_mm},
-               {"bits", volume.bits_stored},
-               {"signed", volume.is_signed},
-               {"rescale", {{"slope", volume.rescale_slope}, {"intercept", volume.rescale_intercept}}}};
     for (const std::string& warning : volume.warnings) {
         if (!Quiet()) {
             std::fprintf(stderr, "volr: warning: %s\n", warning.c_str());
@@ -129,6 +124,12 @@ std::unique_ptr<scene::VolumeSource> Session::Open(const InputOptions& input) {
     const Stopwatch watch;
     auto source = std::make_unique<scene::VolumeSource>(std::move(volume));
     m_ImportSeconds += watch.Seconds();
+    const scene::ImportedVolume& info = source->Info();
+    m_Input = {{"dims", info.dims},
+               {"spacing_mm", info.spacing_mm},
+               {"bits", info.bits_stored},
+               {"signed", info.is_signed},
+               {"rescale", {{"slope", info.rescale_slope}, {"intercept", info.rescale_intercept}}}};
     return source;
 }
 

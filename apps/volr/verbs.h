@@ -13,5 +13,6 @@ void AddInfoVerb(CLI::App& app, Work& run);
 void AddPhantomVerb(CLI::App& app, Work& run);
 void AddPresetsVerb(CLI::App& app, Work& run);
 void AddRenderVerb(CLI::App& app, Work& run);
+void AddMipVerb(CLI::App& app, Work& run);
 
 }  // namespace volr

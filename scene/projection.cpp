@@ -1,0 +1,199 @@
+#include "scene/projection.h"
+
+#include "host/tasks.h"
+#include "scene/error.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace scene {
+
+namespace {
+
+// The frame of the projection: voxel axes along x, y and z in mm. The first slice lies at z = slice distance over pixel
+// width, from which the projector takes how often to draw thick slices.
+IP_Box ProjectionBox(const ImportedVolume& info) {
+    const auto sx = static_cast<float>(info.spacing_mm[0]);
+    const auto sy = static_cast<float>(info.spacing_mm[1]);
+    const auto sz = static_cast<float>(info.spacing_mm[2]);
+    IP_Box box(info.dims[0], info.dims[1], info.dims[2], sx, sy, sz);
+    const float start[3] = {0.0F, 0.0F, sz / sx - 0.5F * sz};
+    box.SetStart(start);
+    return box;
+}
+
+Vec3 AxisOf(const ImportedVolume& info, std::size_t axis) {
+    const std::array<double, 12>& m = info.index_to_patient;
+    return Normalised({m[axis], m[4 + axis], m[8 + axis]});
+}
+
+[[noreturn]] void NoMemory() {
+    throw Error(ErrorKind::kFailed, "mip", "no memory for the projection", "free memory or use a smaller picture");
+}
+
+std::uint32_t Level(double value, const DisplayWindow& window, double white) {
+    const double share = (value - window.centre) / window.width + 0.5;
+    return static_cast<std::uint32_t>(std::lround(std::clamp(share, 0.0, 1.0) * white));
+}
+
+}  // namespace
+
+Projection::Projection(VolumeSource& source, bool linear) : m_Source(source), m_Linear(linear) {
+    m_Volume = std::make_shared<IP_VolData>(*source.Volume());
+    *m_Volume->GetBox() = ProjectionBox(source.Info());
+    m_Params.m_VolData = std::make_shared<IP_MultiVolData>();
+    m_Params.m_VolData->AddVolData(m_Volume);
+    m_BoxB.m_MaxIntoOutput = 1;
+}
+
+Projection::~Projection() {
+    IP_MIPProjector::FreePictures(&m_Params, &m_BoxA, &m_BoxB);
+}
+
+void Projection::Prepare() {
+    if (m_Linear || m_Prepared != nullptr) {
+        return;
+    }
+    auto prepared = std::make_shared<IP_MultiVolDataIncMIP>();
+    constexpr int kReduction = 2;
+    if (!prepared->Rebuild(m_Params.m_VolData.get(), nullptr, false, kReduction, 1, 1, 0, false,
+                           m_Source.Info().min_value)) {
+        TCO_RunnableSelf().Service();
+        NoMemory();
+    }
+    m_Prepared = prepared;
+    m_Params.m_AltVolData = prepared;
+}
+
+void Projection::SetClipping(const std::vector<ClipPlane>& planes) {
+    m_Planes = planes;
+    PassPlanes();
+}
+
+void Projection::SetSlab(const std::optional<Slab>& slab) {
+    m_Slab = slab;
+    PassPlanes();
+}
+
+void Projection::SetDepthCue(const std::optional<double>& floor) {
+    m_Params.m_DepthCueing = floor ? 1 : 0;
+    m_Params.m_DepthCueFloor = static_cast<float>(floor.value_or(1.0));
+}
+
+void Projection::SetView(const Camera& camera, const View& view) {
+    m_Camera = camera;
+    const std::array<Vec3, 3> screen = {camera.right, camera.down, camera.into};
+    for (std::size_t i = 0; i < 4; ++i) {
+        for (std::size_t j = 0; j < 4; ++j) {
+            m_Params.m_ViewMatrix[i][j] = i < 3 && j < 3
+                                              ? static_cast<float>(Dot(AxisOf(m_Source.Info(), i), screen[j]))
+                                              : (i == j ? 1.0F : 0.0F);
+        }
+    }
+    m_Params.m_Zoom = static_cast<float>(view.zoom);
+    // The picture's frame moves against its content.
+    m_Params.m_PanX = static_cast<float>(-view.pan_x);
+    m_Params.m_PanY = static_cast<float>(-view.pan_y);
+    m_Params.m_Width = view.width;
+    m_Params.m_Height = view.height;
+    m_Projector.Reset(&m_Params, 1);
+    PassPlanes();
+}
+
+void Projection::PassPlanes() {
+    std::vector<ClipPlane> planes = m_Planes;
+    if (m_Slab) {
+        const Vec3 middle = m_Camera.middle_mm + m_Camera.into * m_Slab->offset_mm;
+        for (const double side : {1.0, -1.0}) {
+            const Vec3 n = m_Camera.into * side;
+            planes.push_back({n.x, n.y, n.z, 0.5 * m_Slab->thickness_mm - Dot(n, middle)});
+        }
+    }
+    // Patient planes in the projection's frame: normals by components along the voxel axes, distances from voxel (0, 0,
+    // 0).
+    m_Clip.FreeAllClipPlane(CLIP_ALL);
+    const ImportedVolume& info = m_Source.Info();
+    const Vec3 first_voxel = m_Source.PatientPosition({0.0, 0.0, 0.0});
+    float to_physical[4][4];
+    m_Volume->GetBox()->GetIndexToPhysicalTrans(to_physical);
+    int id = 0;
+    for (const ClipPlane& p : planes) {
+        const Vec3 normal = {p.a, p.b, p.c};
+        double equation[4] = {0.0, 0.0, 0.0, Dot(normal, first_voxel) + p.d};
+        for (std::size_t axis = 0; axis < 3; ++axis) {
+            equation[axis] = Dot(normal, AxisOf(info, axis));
+            equation[3] -= equation[axis] * to_physical[3][axis];
+        }
+        // The engine keeps what is not positive.
+        const float negated[4] = {static_cast<float>(-equation[0]), static_cast<float>(-equation[1]),
+                                  static_cast<float>(-equation[2]), static_cast<float>(-equation[3])};
+        m_Clip.SetClipPlane(id++, negated);
+    }
+    m_Params.m_ClipManager = planes.empty() ? nullptr : &m_Clip;
+}
+
+ProjectedPicture Projection::Draw() {
+    Prepare();
+    ProjectedPicture picture{m_Params.m_Width, m_Params.m_Height, {}};
+    const int floor = m_Source.Info().min_value;
+    picture.stored.assign(static_cast<std::size_t>(picture.width) * static_cast<std::size_t>(picture.height),
+                          static_cast<std::int16_t>(floor));
+    m_Params.m_OutputImage = picture.stored.data();
+    m_Projector.Project(&m_Params, &m_BoxA, &m_BoxB, m_Linear ? 1 : 0, 0, floor);
+    if (!m_Projector.IsComplete()) {
+        m_Params.m_OutputImage = nullptr;
+        TCO_RunnableSelf().Service();
+        NoMemory();
+    }
+    m_Projector.Shear(&m_Params, &m_BoxA, floor);
+    m_Projector.Shear(&m_Params, &m_BoxB, floor);
+    m_Params.m_OutputImage = nullptr;
+    return picture;
+}
+
+std::optional<IP_MIPPick> Projection::Pick(double pixel_x, double pixel_y) {
+    IP_MIPPick pick;
+    const bool found = m_Projector.Screen2Physical(&m_Params, 0, pixel_x, pixel_y, m_Linear ? 1 : 0, &pick);
+    return found ? std::optional(pick) : std::nullopt;
+}
+
+std::optional<IP_MIPRay> Projection::Ray(double pixel_x, double pixel_y) {
+    IP_MIPRay ray;
+    return IP_MIPProjector::ScreenRay(&m_Params, 0, pixel_x, pixel_y, &ray) ? std::optional(ray) : std::nullopt;
+}
+
+DisplayWindow DefaultWindow(VolumeSource& source, const ProjectedPicture& picture) {
+    const ImportedVolume& info = source.Info();
+    if (info.window_centre && info.window_width && *info.window_width > 0.0) {
+        std::size_t shown = 0;
+        std::size_t white = 0;
+        for (const std::int16_t stored : picture.stored) {
+            shown += stored > info.min_value ? 1 : 0;
+            white += source.Rescaled(stored) >= *info.window_centre + 0.5 * *info.window_width ? 1 : 0;
+        }
+        if (2 * white <= shown) {
+            return {*info.window_centre, *info.window_width};
+        }
+    }
+    const double low = source.Histogram().Percentile(0.001);
+    const double high = source.Histogram().Percentile(0.999);
+    return {0.5 * (low + high), std::max(high - low, std::abs(info.rescale_slope))};
+}
+
+Picture Windowed(const ProjectedPicture& picture, const VolumeSource& source, const DisplayWindow& window) {
+    Picture result(picture.width, picture.height);
+    std::transform(picture.stored.begin(), picture.stored.end(), result.pixels.begin(), [&](std::int16_t stored) {
+        return 0xFF000000U | Level(source.Rescaled(stored), window, 255.0) * 0x010101U;
+    });
+    return result;
+}
+
+GreyPicture Windowed16(const ProjectedPicture& picture, const VolumeSource& source, const DisplayWindow& window) {
+    GreyPicture result{picture.width, picture.height, std::vector<std::uint16_t>(picture.stored.size())};
+    std::transform(picture.stored.begin(), picture.stored.end(), result.pixels.begin(), [&](std::int16_t stored) {
+        return static_cast<std::uint16_t>(Level(source.Rescaled(stored), window, 65535.0));
+    });
+    return result;
+}
+
+}  // namespace scene
