@@ -1,13 +1,14 @@
 #include "scene/import/dicom_pixels.h"
 
-#include <fcntl.h>
-#include <gdcmImageReader.h>
-#include <unistd.h>
+#include <gdcmImage.h>
+#include <gdcmSequenceOfFragments.h>
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 #include <limits>
 
+#include "scene/import/dicom_fragments.h"
 #include "scene/import/import_context.h"
 
 namespace scene::import {
@@ -22,76 +23,108 @@ std::size_t PixelsOf(const DicomFile& file) {
     return std::size_t(file.rows) * file.columns;
 }
 
-// Widens bytes to words, in place or not.
-void CopyWords(const void* pixels, int bytes_each, std::size_t count, std::int16_t* out) {
-    if (bytes_each == 2) {
-        std::memcpy(out, pixels, count * 2);
+// Uncompressed pixels of one frame, widened to words of this machine.
+void CopyRawFrame(const DicomFile& file, const char* bytes, std::int16_t* out) {
+    const std::size_t count = PixelsOf(file);
+    const auto byte_at = [bytes](std::size_t at) { return static_cast<unsigned char>(bytes[at]); };
+    if (file.bits_allocated == 8) {
+        for (std::size_t i = 0; i < count; ++i) {
+            out[i] = byte_at(file.are_bytes_swapped && (i ^ 1) < count ? i ^ 1 : i);
+        }
         return;
     }
-    const auto* const bytes = static_cast<const std::uint8_t*>(pixels);
-    std::copy(bytes, bytes + count, out);
+    const std::size_t low = file.encoding == DicomEncoding::kBigEndian ? 1 : 0;
+    for (std::size_t i = 0; i < count; ++i) {
+        out[i] = static_cast<std::int16_t>(byte_at(2 * i + low) | byte_at(2 * i + 1 - low) << 8);
+    }
 }
 
-// Reads so many bytes of a file at a place.
-void ReadAt(const DicomFile& file, int descriptor, std::uint64_t offset, void* out, std::size_t num_bytes) {
-    auto* bytes = static_cast<char*>(out);
-    while (num_bytes > 0) {
-        const ssize_t got = ::pread(descriptor, bytes, num_bytes, static_cast<off_t>(offset));
-        if (got <= 0) {
+std::size_t RawFrameBytes(const DicomFile& file) {
+    return PixelsOf(file) * (file.bits_allocated / 8);
+}
+
+void ReadRawFrames(const DicomFile& file, const std::vector<FrameTarget>& targets) {
+    const RandomAccessFile source(file.path);
+    const bool is_native = file.bits_allocated == 16 && file.encoding == DicomEncoding::kLittleEndian &&
+                           std::endian::native == std::endian::little;
+    std::vector<char> bytes(is_native ? 0 : RawFrameBytes(file));
+    for (const FrameTarget& target : targets) {
+        const std::uint64_t offset = file.pixel_offset + std::uint64_t(target.index) * RawFrameBytes(file);
+        if (is_native) {
+            source.Read(offset, target.out, RawFrameBytes(file));
+        } else {
+            source.Read(offset, bytes.data(), bytes.size());
+            CopyRawFrame(file, bytes.data(), target.out);
+        }
+    }
+}
+
+void ReadDeflatedFrames(const DicomFile& file, const std::vector<FrameTarget>& targets) {
+    const std::optional<ParsedDicom> parsed = ParseDicom(file.path);
+    for (const FrameTarget& target : targets) {
+        const std::uint64_t offset = file.pixel_offset + std::uint64_t(target.index) * RawFrameBytes(file);
+        if (!parsed || offset + RawFrameBytes(file) > parsed->bytes.size()) {
             RefuseDecoding(file);
         }
-        bytes += got;
-        offset += static_cast<std::uint64_t>(got);
-        num_bytes -= static_cast<std::size_t>(got);
+        CopyRawFrame(file, parsed->bytes.data() + offset, target.out);
     }
 }
 
-// Uncompressed little-endian pixels need no decoder.
-void ReadRawFrames(const DicomFile& file, const std::vector<FrameTarget>& targets) {
-    const int descriptor = ::open(file.path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (descriptor < 0) {
+// An image of the decoding library for one frame of compressed fragments.
+gdcm::Image MakeImage(const DicomFile& file, const std::vector<std::string>& fragments) {
+    // Collect the fragments.
+    const gdcm::SmartPointer<gdcm::SequenceOfFragments> sequence = new gdcm::SequenceOfFragments;
+    for (const std::string& bytes : fragments) {
+        gdcm::Fragment fragment;
+        fragment.SetByteValue(bytes.data(), gdcm::VL(static_cast<std::uint32_t>(bytes.size())));
+        sequence->AddFragment(fragment);
+    }
+    gdcm::DataElement pixels(gdcm::Tag(0x7fe0, 0x0010));
+    pixels.SetVR(gdcm::VR::OB);
+    pixels.SetValue(*sequence);
+
+    // Describe what they hold.
+    gdcm::Image image;
+    image.SetNumberOfDimensions(2);
+    image.SetDimension(0, static_cast<unsigned>(file.columns));
+    image.SetDimension(1, static_cast<unsigned>(file.rows));
+    image.SetPixelFormat(gdcm::PixelFormat(1, static_cast<unsigned short>(file.bits_allocated),
+                                           static_cast<unsigned short>(file.bits_stored),
+                                           static_cast<unsigned short>(file.high_bit), file.is_signed ? 1 : 0));
+    image.SetPhotometricInterpretation(gdcm::PhotometricInterpretation::MONOCHROME2);
+    image.SetTransferSyntax(gdcm::TransferSyntax::GetTSType(file.transfer_syntax.c_str()));
+    image.SetDataElement(pixels);
+    return image;
+}
+
+void DecodeFrame(const DicomFile& file, const std::vector<std::string>& fragments, std::int16_t* out) {
+    const gdcm::Image image = MakeImage(file, fragments);
+    const std::size_t num_pixels = PixelsOf(file);
+    const unsigned long num_bytes = image.GetBufferLength();
+    if (num_bytes != num_pixels && num_bytes != 2 * num_pixels) {
         RefuseDecoding(file);
     }
-    const std::unique_ptr<const int, void (*)(const int*)> closer(&descriptor, [](const int* fd) { ::close(*fd); });
-    const std::size_t num_pixels = PixelsOf(file);
-    const int bytes_each = file.bits_allocated / 8;
-    std::vector<std::uint8_t> narrow(bytes_each == 1 ? num_pixels : 0);
+    std::vector<char> buffer(num_bytes);
+    if (!image.GetBuffer(buffer.data()) || image.GetBufferLength() != num_bytes) {
+        RefuseDecoding(file);
+    }
+    if (num_bytes == num_pixels) {
+        std::transform(buffer.begin(), buffer.end(), out, [](char byte) { return static_cast<unsigned char>(byte); });
+    } else {
+        std::memcpy(out, buffer.data(), num_bytes);
+    }
+}
+
+void DecodeCompressedFrames(const DicomFile& file, const std::vector<FrameTarget>& targets) {
+    const RandomAccessFile source(file.path);
+    const std::vector<FrameFragments> frames = FindFragments(file);
     for (const FrameTarget& target : targets) {
-        const std::uint64_t offset = *file.raw_offset + std::uint64_t(target.index) * num_pixels * bytes_each;
-        if (bytes_each == 2) {
-            ReadAt(file, descriptor, offset, target.out, num_pixels * 2);
-        } else {
-            ReadAt(file, descriptor, offset, narrow.data(), num_pixels);
-            CopyWords(narrow.data(), 1, num_pixels, target.out);
+        std::vector<std::string> fragments;
+        for (const ByteRange& range : frames[static_cast<std::size_t>(target.index)]) {
+            fragments.emplace_back(range.num_bytes, '\0');
+            source.Read(range.offset, fragments.back().data(), range.num_bytes);
         }
-    }
-}
-
-// Everything else goes through the decoder, which delivers all frames at once.
-void DecodeWithGdcm(const DicomFile& file, const std::vector<FrameTarget>& targets) {
-    gdcm::ImageReader reader;
-    reader.SetFileName(file.path.c_str());
-    if (!reader.Read()) {
-        RefuseDecoding(file);
-    }
-
-    // What comes out must be what the header promised.
-    const gdcm::Image& image = reader.GetImage();
-    const gdcm::PixelFormat& format = image.GetPixelFormat();
-    const int bytes_each = format.GetBitsAllocated() / 8;
-    const std::size_t num_pixels = PixelsOf(file);
-    const std::size_t num_bytes = num_pixels * static_cast<std::size_t>(file.num_frames * std::max(bytes_each, 1));
-    const bool is_expected = (bytes_each == 1 || bytes_each == 2) && format.GetSamplesPerPixel() == 1 &&
-                             image.GetDimension(0) == static_cast<unsigned>(file.columns) &&
-                             image.GetDimension(1) == static_cast<unsigned>(file.rows) &&
-                             image.GetBufferLength() == num_bytes;
-    std::vector<char> buffer(is_expected ? num_bytes : 0);
-    if (!is_expected || !image.GetBuffer(buffer.data())) {
-        RefuseDecoding(file);
-    }
-    for (const FrameTarget& target : targets) {
-        const std::size_t offset = static_cast<std::size_t>(target.index) * num_pixels * bytes_each;
-        CopyWords(buffer.data() + offset, bytes_each, num_pixels, target.out);
+        DecodeFrame(file, fragments, target.out);
     }
 }
 
@@ -178,10 +211,15 @@ void Interpret(const DicomFile& file, const FrameTarget& target) {
 
 void DecodeFrames(const DicomFile& file, const std::vector<FrameTarget>& targets) {
     try {
-        if (file.raw_offset) {
-            ReadRawFrames(file, targets);
-        } else {
-            DecodeWithGdcm(file, targets);
+        switch (file.encoding) {
+            case DicomEncoding::kCompressed:
+                DecodeCompressedFrames(file, targets);
+                break;
+            case DicomEncoding::kDeflated:
+                ReadDeflatedFrames(file, targets);
+                break;
+            default:
+                ReadRawFrames(file, targets);
         }
     } catch (const ImportError&) {
         throw;

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "scene/import/dicom_parser.h"
 #include "scene/import/grid_geometry.h"
 
 namespace scene::import {
@@ -23,8 +24,11 @@ struct DicomFile {
     bool is_inverted = false;  // MONOCHROME1: low values are bright
     // Raw 16-bit words that mean "nothing measured", from first to last; one word if they are equal.
     std::optional<std::uint16_t> padding_first, padding_last;
-    // Where uncompressed little-endian pixels lie; nothing when the decoder must find them.
-    std::optional<std::uint64_t> raw_offset;
+    // Where and how the pixels lie; see ParsedDicom. Compressed ones end with the file at the latest.
+    DicomEncoding encoding = DicomEncoding::kLittleEndian;
+    std::string transfer_syntax;
+    std::uint64_t pixel_offset = 0;
+    bool are_bytes_swapped = false;  // pixels of 8 bits, stored as big-endian words
 };
 
 // One image in patient space.
