@@ -2,6 +2,10 @@
 
 #include "ip_volr/IP_VOLR_Trace.h"
 
+#include <algorithm>
+#include <utility>
+#include <vector>
+
 namespace {
 
 constexpr char kSource[] = "ip_volr/IP_MultiVolDataIncMIP";
@@ -23,18 +27,27 @@ bool IP_MultiVolDataIncMIP::Rebuild(IP_MultiVolData* source, IP_MultiRealListVol
         return true;
     }
 
-    // Drop the prepared volumes; their blocks and records stay to be found again.
     const IP_VolDataProj* first = prepared(0);
     m_CurrentDir = first != nullptr && first->GetCurrentDir();
+    const int num_volumes = source == nullptr ? 0 : source->GetNVolData();
+
+    // Drop the prepared volumes; their blocks and records stay to be found again, and the workers' blocks of those that
+    // nobody else holds go to their successors.
+    std::vector<IP_VolDataProj::WorkerChunks> worker_chunks(static_cast<std::size_t>(num_volumes));
+    for (int i = 0; i < std::min(num_volumes, GetNVolData()); i++) {
+        if (prepared(i) != nullptr && GetSharedVolData(i).use_count() == 2) {
+            worker_chunks[static_cast<std::size_t>(i)] = prepared(i)->ReleaseWorkerChunks();
+        }
+    }
     remove_slices();
 
     bool done = true;
-    const int num_volumes = source == nullptr ? 0 : source->GetNVolData();
     for (int i = 0; i < num_volumes && done; i++) {
         IP_VolData* volume = source->GetVolData(i);
         const Preparation preparation{list_volume(tissues, i), new_tissue,     factor, pd_counter,
                                       tissue_counter,          render_quality, lean,   minimum_value};
-        done = volume != nullptr && add_prepared_volume(*volume, i, preparation);
+        done = volume != nullptr &&
+               add_prepared_volume(*volume, i, preparation, std::move(worker_chunks[static_cast<std::size_t>(i)]));
     }
     if (!done) {
         // Half a set must not be projected, nor pass for the source at the next rebuild.
@@ -45,8 +58,10 @@ bool IP_MultiVolDataIncMIP::Rebuild(IP_MultiVolData* source, IP_MultiRealListVol
     return done;
 }
 
-bool IP_MultiVolDataIncMIP::add_prepared_volume(const IP_VolData& source, int i, const Preparation& p) {
+bool IP_MultiVolDataIncMIP::add_prepared_volume(const IP_VolData& source, int i, const Preparation& p,
+                                                IP_VolDataProj::WorkerChunks worker_chunks) {
     const auto data = std::make_shared<IP_VolDataMIP>();
+    data->OfferWorkerChunks(std::move(worker_chunks));
     const auto take_over_chunks = [&] {
         AddChunks(data->GetChunks());
         data->ClearChunks();

@@ -44,7 +44,8 @@ private:
         bool lean;
         int minimum_value;
     };
-    bool add_prepared_volume(const IP_VolData& source, int i, const Preparation& p);
+    bool add_prepared_volume(const IP_VolData& source, int i, const Preparation& p,
+                             IP_VolDataProj::WorkerChunks worker_chunks);
     IP_VolDataMIP* prepared_mip(int i) const { return dynamic_cast<IP_VolDataMIP*>(GetVolData(i)); }
 
     IP_MultiRealListVol* m_SlowTissueList = nullptr;

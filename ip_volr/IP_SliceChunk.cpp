@@ -19,18 +19,14 @@ std::vector<MEM_PagerInfo*> addresses(MEM_PagerInfo* infos, unsigned count) {
     return result;
 }
 
-// Bytes of a block for the given pixels; 0 when a block cannot be that large.
-std::uint32_t block_size(int x, int y, float bytes_per_pixel) {
+}  // namespace
+
+std::uint32_t IP_SliceChunk::BlockSize(int x, int y, float bytes_per_pixel) {
+    constexpr double kMaxBytes = static_cast<double>(std::numeric_limits<std::uint32_t>::max() - ALLIASING_64K_OFFSET);
     const float num_pixels = static_cast<float>(static_cast<long long>(x) * y);
     const double padded = static_cast<double>(num_pixels * bytes_per_pixel) + 15.0;
-    if (!(padded <
-          static_cast<double>(std::numeric_limits<std::uint32_t>::max() - IP_SliceChunk::ALLIASING_64K_OFFSET))) {
-        return 0;
-    }
-    return (static_cast<std::uint32_t>(padded) & ~15U) + IP_SliceChunk::ALLIASING_64K_OFFSET;
+    return padded < kMaxBytes ? (static_cast<std::uint32_t>(padded) & ~15U) + ALLIASING_64K_OFFSET : 0;
 }
-
-}  // namespace
 
 IP_SliceChunk::IP_SliceChunk(unsigned num_slices, int x, int y, float bytes_per_pixel, bool max_alloc,
                              unsigned* num_granted) {
@@ -58,7 +54,7 @@ void IP_SliceChunk::BuildChunk(unsigned num_slices, int x, int y, float bytes_pe
         return;
     }
 
-    m_SliceSize = block_size(x, y, bytes_per_pixel);
+    m_SliceSize = BlockSize(x, y, bytes_per_pixel);
     m_MemInfos = new MEM_PagerInfo[num_slices];
     m_Infos = new (std::nothrow) IP_SliceIDInfo[num_slices];
     if (m_Infos == nullptr || m_SliceSize == 0) {

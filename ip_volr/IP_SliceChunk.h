@@ -19,6 +19,9 @@ class IP_VOLR_EXPORT IP_SliceChunk {
 public:
     static constexpr std::uint32_t ALLIASING_64K_OFFSET = 128;
 
+    // Bytes of a block for a slice of x times y pixels; 0 when no block can be that large.
+    static std::uint32_t BlockSize(int x, int y, float bytes_per_pixel);
+
     // Calls BuildChunk.
     IP_SliceChunk(unsigned num_slices, int x, int y, float bytes_per_pixel, bool max_alloc, unsigned* num_granted);
     IP_SliceChunk(const IP_SliceChunk& o) = default;

@@ -288,6 +288,15 @@ void IP_VolDataProj::ShareBounds(const IP_VolDataProj& other) {
     m_YXCBoundsLin = other.m_YXCBoundsLin;
 }
 
+IP_VolDataProj::WorkerChunks IP_VolDataProj::ReleaseWorkerChunks() {
+    WorkerChunks result;
+    result.temp.reset(std::exchange(m_TempChunk, nullptr));
+    if (!m_Chunks.empty()) {
+        result.work.reset(std::exchange(m_Chunks.front(), nullptr));
+    }
+    return result;
+}
+
 void IP_VolDataProj::ClearChunks() {
     if (m_Chunks.size() > 1) {
         m_Chunks.resize(1);

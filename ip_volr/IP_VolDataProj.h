@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <memory>
+#include <utility>
 #include <vector>
 
 // Base of every prepared copy of a volume.
@@ -142,6 +143,16 @@ public:
     const std::vector<IP_SliceChunk*>& GetChunks() const { return m_Chunks; }  // 0: work chunk; then slice chunks
     void ClearChunks();  // drops all but the work chunk without freeing them: the caller has taken them over
 
+    // Work and temp chunk of a volume that is done with, for the next one of the same shape: allocating them anew costs
+    // more than a slice. The volume that gives them away must not be used any more; offered chunks that do not fit the
+    // next creation are freed by it.
+    struct WorkerChunks {
+        std::unique_ptr<IP_SliceChunk> work;
+        std::unique_ptr<IP_SliceChunk> temp;
+    };
+    WorkerChunks ReleaseWorkerChunks();
+    void OfferWorkerChunks(WorkerChunks chunks) { m_OfferedChunks = std::move(chunks); }
+
     IP_VolData* GetCurrVolData() const { return m_OrigVolData; }  // source, not owned
     void SetOrigVolData(IP_VolData* source) { m_OrigVolData = source; }
 
@@ -230,7 +241,7 @@ private:
     IP_SliceIDInfo* find_record(const char* id) const;
     void build_ind_array(bool all_slices);
     bool build_chunks(bool allocate);
-    IP_SliceChunk* build_worker_chunk(const char* log_line, int scale);
+    IP_SliceChunk* build_worker_chunk(const char* log_line, int scale, std::unique_ptr<IP_SliceChunk> offered);
     bool build_slice_chunks();
     void build_slices(bool allocate);
     void build_new_slices(bool allocate);
@@ -262,6 +273,7 @@ private:
     bool m_CurrentDir = false;
     IP_Box m_SourceBox;                      // of the source at the creation
     IP_SliceChunk* m_TempChunk = nullptr;    // owned
+    WorkerChunks m_OfferedChunks;            // for the next creation
     std::size_t m_FirstNewChunk = 1;         // first chunk of this preparation in m_Chunks
     std::vector<IP_SliceIDInfo*> m_Records;  // of the prepared slices, in the chunks; null without block
     int m_BatchFirst = 0;                    // slices of the batch in progress, [first, last)

@@ -26,9 +26,9 @@ void IP_VolDataProj::set_params(const IP_VolData& source, SliceHashMap& map, boo
     // Let go of an earlier preparation, but for the chunks whose blocks the map finds.
     release_slices();
     m_OwnsSlices = true;
-    delete std::exchange(m_TempChunk, nullptr);
-    if (!m_Chunks.empty()) {
-        delete std::exchange(m_Chunks.front(), nullptr);
+    WorkerChunks own = ReleaseWorkerChunks();
+    if (own.work != nullptr) {
+        m_OfferedChunks = std::move(own);
     }
 
     m_PDCounter = pd_counter;
@@ -145,7 +145,9 @@ bool IP_VolDataProj::build_chunks(bool allocate) {
         m_Box.Embed(&dims);
     }
 
-    IP_SliceChunk* work = build_worker_chunk("Work Chunk: try to allocate %d slices, allocated: %d\n", 1);
+    WorkerChunks offered = std::move(m_OfferedChunks);
+    IP_SliceChunk* work =
+        build_worker_chunk("Work Chunk: try to allocate %d slices, allocated: %d\n", 1, std::move(offered.work));
     if (work == nullptr) {
         return false;
     }
@@ -155,7 +157,8 @@ bool IP_VolDataProj::build_chunks(bool allocate) {
         m_Chunks.front() = work;
     }
     m_FirstNewChunk = m_Chunks.size();
-    m_TempChunk = build_worker_chunk("Temp Chunk: try to allocate %d slices, allocated: %d\n", m_Factor);
+    m_TempChunk =
+        build_worker_chunk("Temp Chunk: try to allocate %d slices, allocated: %d\n", m_Factor, std::move(offered.temp));
     if (m_TempChunk == nullptr) {
         return false;
     }
@@ -165,12 +168,20 @@ bool IP_VolDataProj::build_chunks(bool allocate) {
     return !allocate || m_NumbNewSlices == 0 || build_slice_chunks();
 }
 
-// One block per worker, `scale` times the padded size in x and y; null when the pager grants fewer.
-IP_SliceChunk* IP_VolDataProj::build_worker_chunk(const char* log_line, int scale) {
+// One block per worker, `scale` times the padded size in x and y, in the offered chunk if it is such; null when the
+// pager grants fewer.
+IP_SliceChunk* IP_VolDataProj::build_worker_chunk(const char* log_line, int scale,
+                                                  std::unique_ptr<IP_SliceChunk> offered) {
     constexpr char kFunction[] = "IP_VolDataProj::build_chunks";
-    unsigned granted = 0;
-    auto chunk = std::make_unique<IP_SliceChunk>(m_NumbWorkSlices, scale * static_cast<int>(m_ChunkX),
-                                                 scale * static_cast<int>(m_ChunkY), m_BytesPerPixel, true, &granted);
+    const int x = scale * static_cast<int>(m_ChunkX);
+    const int y = scale * static_cast<int>(m_ChunkY);
+    std::unique_ptr<IP_SliceChunk> chunk = std::move(offered);
+    unsigned granted = m_NumbWorkSlices;
+    if (chunk == nullptr || chunk->GetNumbSlices() != m_NumbWorkSlices ||
+        chunk->GetSliceSize() != IP_SliceChunk::BlockSize(x, y, m_BytesPerPixel)) {
+        chunk.reset();
+        chunk = std::make_unique<IP_SliceChunk>(m_NumbWorkSlices, x, y, m_BytesPerPixel, true, &granted);
+    }
     if (Tmr_LogFile::StoreParams(kSource, kFunction, __LINE__, ip_volr::kTraceDetail, ip_volr::kTraceFacility,
                                  ip_volr::kTraceReserved) != 0) {
         Tmr_LogFile::Log(log_line, static_cast<int>(m_NumbWorkSlices), static_cast<int>(granted));
