@@ -93,8 +93,19 @@ struct Avx2Lanes {
         return _mm256_and_ps(_mm256_cmp_ps(a, b, _CMP_GT_OQ), value);
     }
 
+    // Plain loads take half the time of the gather.
     static Int load_word(const std::uint32_t* words, Int index) {
-        return _mm256_i32gather_epi32(reinterpret_cast<const int*>(words), index, 4);
+        const __m128i low = load_4_words(words, _mm256_castsi256_si128(index));
+        const __m128i high = load_4_words(words, _mm256_extracti128_si256(index, 1));
+        return _mm256_inserti128_si256(_mm256_castsi128_si256(low), high, 1);
+    }
+    static __m128i load_4_words(const std::uint32_t* words, __m128i index) {
+        const auto indices_01 = static_cast<std::uint64_t>(_mm_cvtsi128_si64(index));
+        const auto indices_23 = static_cast<std::uint64_t>(_mm_extract_epi64(index, 1));
+        __m128i out = _mm_cvtsi32_si128(static_cast<int>(words[indices_01 & 0xffffffff]));
+        out = _mm_insert_epi32(out, static_cast<int>(words[indices_01 >> 32]), 1);
+        out = _mm_insert_epi32(out, static_cast<int>(words[indices_23 & 0xffffffff]), 2);
+        return _mm_insert_epi32(out, static_cast<int>(words[indices_23 >> 32]), 3);
     }
     static Int load_byte(const std::int8_t* bytes, Int index) {
         const Int words = _mm256_i32gather_epi32(reinterpret_cast<const int*>(bytes), index, 1);

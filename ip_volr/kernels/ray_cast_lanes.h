@@ -236,12 +236,13 @@ private:
     // ---- Samples ----
 
     Cell locate(Int x, Int y, Int z) {
-        const Int row = Lanes::mul_low(Lanes::template shift_right<16>(y), Lanes::set(kPairRow));
-        const Int plane = Lanes::mul_low(Lanes::template shift_right<16>(z), Lanes::set(kPairPlane));
+        // y in the low and z in the high 16 bits, times their strides.
+        const Int yz = Lanes::bit_or(Lanes::template shift_right<16>(y), Lanes::bit_and(z, Lanes::set(-0x10000)));
+        const Int row = Lanes::madd(yz, Lanes::set(kPairPlane << 16 | kPairRow));
         const Int low_bits = Lanes::set(0xffff);
         const Int f = Lanes::template shift_right<16 - kWeightBits>(Lanes::bit_and(y, low_bits));
         const Float unit = Lanes::set(1.0f / 65536.0f);
-        return {Lanes::add(Lanes::template shift_right<16>(x), Lanes::add(row, plane)),
+        return {Lanes::add(Lanes::template shift_right<16>(x), row),
                 Lanes::add(Lanes::template shift_left<16>(f), Lanes::sub(Lanes::set(kWeightOne), f)),
                 Lanes::mul(Lanes::to_float(Lanes::bit_and(x, low_bits)), unit),
                 Lanes::mul(Lanes::to_float(Lanes::bit_and(z, low_bits)), unit)};
@@ -352,6 +353,14 @@ private:
     Int light_weight(Int table_index, int kind) {
         if (!m_Job.has_weight_tables) {
             return Lanes::set(m_Frame.uniform_weights[kind]);
+        }
+        if (!m_Job.has_tissues) {
+            // One table for all lanes: its entries are two words, the first with the first two weights.
+            const auto* const words =
+                reinterpret_cast<const std::uint32_t*>(m_Frame.weight_tables[m_Job.brick->only_tissue]);
+            const Int index = Lanes::bit_and(table_index, Lanes::set(0xffff));
+            const Int word = Lanes::load_word(words + kind / 2, Lanes::template shift_left<1>(index));
+            return kind == 1 ? Lanes::template shift_right<16>(word) : Lanes::bit_and(word, Lanes::set(0xffff));
         }
         alignas(32) std::int32_t indices[kCount];
         alignas(32) std::int32_t weights[kCount];

@@ -88,6 +88,8 @@ public:
         return m_Colours[static_cast<std::size_t>(tissue_index) * kNumTableEntries + static_cast<std::size_t>(entry)];
     }
 
+    std::vector<std::uint32_t>& colours() { return m_Colours; }
+
     Options options;
     RayCastFrame frame{};
     std::vector<_listRay> rays;
