@@ -19,12 +19,14 @@ struct Case {
     int opaque_byte;  // 0: as the table says
     bool shading;
     Weights weights;
+    bool skipping = true;
 };
 
 // A surface that rays end at, one that nearly all rays cross, and a brick that is half transparent everywhere.
 constexpr Case kCases[] = {
     {"empty", Voxels::Lowest, Opacity::None, 0, true, Weights::Uniform},
     {"clear", Voxels::Smooth, Opacity::None, 0, true, Weights::Uniform},
+    {"clear_unskipped", Voxels::Smooth, Opacity::None, 0, true, Weights::Uniform, false},
     {"surface", Voxels::Blob, Opacity::Ramp, 0, true, Weights::Uniform},
     {"surface_unshaded", Voxels::Blob, Opacity::Ramp, 0, false, Weights::Uniform},
     {"fog", Voxels::Smooth, Opacity::Full, 3, false, Weights::Uniform},
@@ -58,6 +60,7 @@ Options options_of(const Case& c, double step_vox) {
     o.direction = {0.12, -0.16, 0.98};
     o.step_vox = step_vox;
     o.num_rays = 0;
+    o.bits = 12;
     return o;
 }
 
@@ -84,7 +87,7 @@ void cast_brick(benchmark::State& state, const Case& c, InstructionSet set, doub
         rays = scene.rays;
         _listRay* const list = Scene::link(rays);
         state.ResumeTiming();
-        process_brick(scene.frame, scene.brick(scene.true_cache), block.data(), list, result);
+        process_brick(scene.frame, scene.brick(c.skipping ? scene.true_cache : scene.full_cache), block.data(), list, result);
         benchmark::ClobberMemory();
     }
     for (std::size_t i = 0; i < rays.size(); i++) {

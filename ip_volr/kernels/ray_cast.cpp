@@ -171,6 +171,7 @@ RayCastJob make_job(const RayCastFrame& frame, const RayCastBrick& brick, RayCas
     job.has_weight_tables =
         job.has_tissues ? std::any_of(tables, tables + kNumTissues, [](const void* table) { return table != nullptr; })
                         : tables[brick.only_tissue] != nullptr;
+    job.has_simple_weights = !job.has_weight_tables && frame.uniform_weights[2] <= 0xffff;
     set_vectors(frame, job);
     set_leaps(frame, job);
     return job;

@@ -35,6 +35,15 @@ struct Avx2Lanes {
 
     static Int set(std::int32_t value) { return _mm256_set1_epi32(value); }
     static Float set(float value) { return _mm256_set1_ps(value); }
+    // The value, as if it were not known.
+    static Int hide(Int value) {
+        __asm__("" : "+x"(value));
+        return value;
+    }
+    static Float hide(Float value) {
+        __asm__("" : "+x"(value));
+        return value;
+    }
     template <class T>
     static Int load(const T* words) {
         return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(words));

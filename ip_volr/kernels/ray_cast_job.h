@@ -54,6 +54,7 @@ struct RayCastJob {
     std::int32_t value_offset;  // table index of the signed value 0 of the gathered voxels
     bool has_tissues;           // tissues differ inside the brick: look each sample's up
     bool has_weight_tables;     // some tissue of the brick has a table of its own
+    bool has_simple_weights;    // no tables, and the uniform weight of ambient light fits 16 bits
     float light[3];
     float half_vector[3];
     // For leaps: steps per unit of distance along x, y, z and the ray, a shade too small so that no product with a

@@ -14,6 +14,10 @@
 
 #include "ip_volr/kernels/ray_cast_job.h"
 
+// The inner loop keeps its state in registers only when nothing in it is a call.
+#define IP_VOLR_HOT __attribute__((always_inline)) inline
+#define IP_VOLR_COLD __attribute__((noinline))
+
 namespace ip_volr::kernels {
 
 namespace {
@@ -31,13 +35,35 @@ struct LaneState {
     Int live;          // all ones while the lane has a ray
 };
 
-// The same in memory, where single lanes are reached.
+// The same in memory, where single lanes are reached; this is where the state lives between two runs.
 template <class Lanes>
 struct alignas(32) LaneMemory {
+    using State = LaneState<Lanes>;
     std::int32_t x[Lanes::kCount], y[Lanes::kCount], z[Lanes::kCount];
     std::int32_t count[Lanes::kCount], end[Lanes::kCount], transparency[Lanes::kCount];
     std::uint32_t light_br[Lanes::kCount], light_g[Lanes::kCount];
     std::int32_t run[Lanes::kCount], live[Lanes::kCount];
+
+    IP_VOLR_HOT State load() const {
+        return {Lanes::load(x),        Lanes::load(y),       Lanes::load(z),
+                Lanes::load(count),    Lanes::load(end),     Lanes::load(transparency),
+                Lanes::load(light_br), Lanes::load(light_g), Lanes::load(run),
+                Lanes::load(live)};
+    }
+    IP_VOLR_HOT void store_position(const State& state) {
+        Lanes::store(x, state.x);
+        Lanes::store(y, state.y);
+        Lanes::store(z, state.z);
+        Lanes::store(count, state.count);
+        Lanes::store(run, state.run);
+    }
+    // All that a run of samples changes.
+    IP_VOLR_HOT void store(const State& state) {
+        store_position(state);
+        Lanes::store(transparency, state.transparency);
+        Lanes::store(light_br, state.light_br);
+        Lanes::store(light_g, state.light_g);
+    }
 };
 
 template <class Lanes>
@@ -54,6 +80,43 @@ class RayCaster {
     using Cell = CellLanes<Lanes>;
     using State = LaneState<Lanes>;
     static constexpr int kCount = Lanes::kCount;
+    static constexpr int kFullQueue = kShadeQueue - 8;
+
+    // Two neighbours along x, interpolated along y.
+    struct Edge {
+        Int first, second;
+    };
+
+    // What the inner loop needs in every lane. The compiler is kept from seeing the values: it would rather build them
+    // anew in each turn than keep them.
+    struct Constants {
+        Int zero = Lanes::hide(Lanes::set(0));
+        Int one = Lanes::hide(Lanes::set(1));
+        Int low_bits = Lanes::hide(Lanes::set(0xffff));
+        Int high_bits = Lanes::hide(Lanes::set(-0x10000));
+        Int strides = Lanes::hide(Lanes::set(kPairPlane << 16 | kPairRow));
+        Int weight_one = Lanes::hide(Lanes::set(kWeightOne));
+        Int blue_red = Lanes::hide(Lanes::set(-0xff0100));
+        Int green = Lanes::hide(Lanes::set(0xff00));
+        Float unit = Lanes::hide(Lanes::set(1.0f / 65536.0f));
+        Float value_unit = Lanes::hide(Lanes::set(1.0f / kWeightOne));
+        Int increment_x, increment_y, increment_z, step;
+        Int value_offset, table_last, transparency_threshold, shading_threshold, ambient, ambient_2;
+
+        explicit Constants(const RayCastJob& job)
+            : increment_x(Lanes::hide(Lanes::set(job.frame->increment[0]))),
+              increment_y(Lanes::hide(Lanes::set(job.frame->increment[1]))),
+              increment_z(Lanes::hide(Lanes::set(job.frame->increment[2]))),
+              step(Lanes::hide(Lanes::set(job.frame->step))),
+              value_offset(Lanes::hide(Lanes::set(job.value_offset))),
+              table_last(Lanes::hide(Lanes::set(job.frame->table_last))),
+              transparency_threshold(Lanes::hide(Lanes::set(job.frame->transparency_threshold))),
+              // Nothing exceeds the threshold when shading is off.
+              shading_threshold(
+                  Lanes::hide(Lanes::set(job.frame->shading ? job.frame->opacity_gradient_threshold : 0x10000))),
+              ambient(Lanes::hide(Lanes::set(job.frame->uniform_weights[2]))),
+              ambient_2(Lanes::hide(duplicate_16(Lanes::set(job.frame->uniform_weights[2])))) {}
+    };
 
 public:
     explicit RayCaster(const RayCastJob& job)
@@ -70,12 +133,17 @@ public:
         for (int i = 0; i < m_Job.num_rays; i++) {
             Lanes::clear_sums(m_Work.sums[i]);
         }
-        State state = start();
-        while (serve(state)) {
+        const Constants constants(m_Job);
+        start();
+        while (serve()) {
+            State state = m_Lanes.load();
             do {
-                take_samples(state);
-                advance(state);
-            } while (Lanes::mask(Lanes::greater(Lanes::set(1), state.run)) == 0);
+                take_samples(constants, state);
+            } while (Lanes::mask(Lanes::greater(constants.one, state.run)) == 0 && m_NumQueued < kFullQueue);
+            m_Lanes.store(state);
+            if (m_NumQueued >= kFullQueue) {
+                shade_full_vectors();
+            }
         }
         shade_queue(m_NumQueued);
     }
@@ -83,36 +151,27 @@ public:
 private:
     // ---- Movement ----
 
-    // No ray in any lane yet: all wait to be served.
-    State start() {
+    // Loads the first rays.
+    void start() {
         for (int lane = 0; lane < kCount; lane++) {
-            m_Slot[lane] = -1;
+            load_ray(lane);
         }
-        const Int zero = Lanes::set(0);
-        return {zero, zero, zero, Lanes::set(1), zero, zero, zero, zero, zero, zero};
-    }
-
-    void advance(State& state) {
-        state.x = Lanes::add(state.x, Lanes::set(m_Frame.increment[0]));
-        state.y = Lanes::add(state.y, Lanes::set(m_Frame.increment[1]));
-        state.z = Lanes::add(state.z, Lanes::set(m_Frame.increment[2]));
-        state.count = Lanes::add(state.count, Lanes::set(m_Frame.step));
-        state.run = Lanes::sub(state.run, Lanes::set(1));
     }
 
     // Gives every lane without samples left a new run or a new ray. False when no lane has a ray any more.
-    bool serve(State& state) {
-        Int waiting = Lanes::greater(Lanes::set(1), state.run);
-        while (Lanes::mask(waiting) != 0) {
-            const int retired = Lanes::mask(Lanes::bit_and(waiting, find_retired(state)));
-            if (retired != 0) {
-                replace_rays(state, retired);
-                waiting = Lanes::greater(Lanes::set(1), state.run);
-            } else {
-                waiting = find_runs(state, waiting);
+    IP_VOLR_COLD bool serve() {
+        for (;;) {
+            State state = m_Lanes.load();
+            const Int waiting = Lanes::greater(Lanes::set(1), state.run);
+            const int num_retired = replace_rays(Lanes::mask(Lanes::bit_and(waiting, find_retired(state))));
+            if (num_retired == 0) {
+                if (Lanes::mask(waiting) == 0) {
+                    return Lanes::mask(state.live) != 0;
+                }
+                find_runs(state, waiting);
+                m_Lanes.store_position(state);
             }
         }
-        return Lanes::mask(state.live) != 0;
     }
 
     // Lanes whose ray has left the brick, passed its end or faded.
@@ -124,69 +183,52 @@ private:
         return Lanes::bit_or(outside, Lanes::bit_or(ended, faded));
     }
 
-    // Writes the rays of the given lanes back and gives these lanes the next rays.
-    void replace_rays(State& state, int lanes) {
-        LaneMemory<Lanes> memory;
-        Lanes::store(memory.x, state.x);
-        Lanes::store(memory.y, state.y);
-        Lanes::store(memory.z, state.z);
-        Lanes::store(memory.count, state.count);
-        Lanes::store(memory.end, state.end);
-        Lanes::store(memory.transparency, state.transparency);
-        Lanes::store(memory.light_br, state.light_br);
-        Lanes::store(memory.light_g, state.light_g);
-        Lanes::store(memory.run, state.run);
-        Lanes::store(memory.live, state.live);
-        for (; lanes != 0; lanes &= lanes - 1) {
-            const int lane = __builtin_ctz(static_cast<unsigned>(lanes));
-            retire_ray(memory, lane);
-            load_ray(memory, lane);
+    // Writes the rays of the given lanes back and gives these lanes the next rays. Returns the lanes.
+    int replace_rays(int lanes) {
+        for (int left = lanes; left != 0; left &= left - 1) {
+            const int lane = __builtin_ctz(static_cast<unsigned>(left));
+            retire_ray(lane);
+            load_ray(lane);
         }
-        state = {Lanes::load(memory.x),        Lanes::load(memory.y),       Lanes::load(memory.z),
-                 Lanes::load(memory.count),    Lanes::load(memory.end),     Lanes::load(memory.transparency),
-                 Lanes::load(memory.light_br), Lanes::load(memory.light_g), Lanes::load(memory.run),
-                 Lanes::load(memory.live)};
+        return lanes;
     }
 
-    void retire_ray(const LaneMemory<Lanes>& memory, int lane) {
-        const int slot = m_Slot[lane];
-        if (slot < 0) {
-            return;
-        }
+    void retire_ray(int lane) {
         const int* const origin = m_Job.brick->origin;
+        const int slot = m_Slot[lane];
         _listRay& ray = *m_Work.rays[slot];
-        ray.position[0] = static_cast<std::uint32_t>(memory.x[lane]) + (static_cast<std::uint32_t>(origin[0]) << 16);
-        ray.position[1] = static_cast<std::uint32_t>(memory.y[lane]) + (static_cast<std::uint32_t>(origin[1]) << 16);
-        ray.position[2] = static_cast<std::uint32_t>(memory.z[lane]) + (static_cast<std::uint32_t>(origin[2]) << 16);
-        ray.step_count = memory.count[lane];
-        ray.transparency = static_cast<unsigned short>(memory.transparency[lane]);
-        Lanes::add_to_sums(m_Work.sums[slot], memory.light_br[lane], memory.light_g[lane]);
+        ray.position[0] = static_cast<std::uint32_t>(m_Lanes.x[lane]) + (static_cast<std::uint32_t>(origin[0]) << 16);
+        ray.position[1] = static_cast<std::uint32_t>(m_Lanes.y[lane]) + (static_cast<std::uint32_t>(origin[1]) << 16);
+        ray.position[2] = static_cast<std::uint32_t>(m_Lanes.z[lane]) + (static_cast<std::uint32_t>(origin[2]) << 16);
+        ray.step_count = m_Lanes.count[lane];
+        ray.transparency = static_cast<unsigned short>(m_Lanes.transparency[lane]);
+        Lanes::add_to_sums(m_Work.sums[slot], m_Lanes.light_br[lane], m_Lanes.light_g[lane]);
     }
 
-    void load_ray(LaneMemory<Lanes>& memory, int lane) {
-        memory.light_br[lane] = 0;
-        memory.light_g[lane] = 0;
+    void load_ray(int lane) {
+        m_Lanes.light_br[lane] = 0;
+        m_Lanes.light_g[lane] = 0;
         if (m_NextRay == m_Job.num_rays) {
             // An idle lane is never served again.
-            m_Slot[lane] = -1;
-            memory.x[lane] = memory.y[lane] = memory.z[lane] = 0;
-            memory.count[lane] = 0;
-            memory.transparency[lane] = 0xffff;
-            memory.run[lane] = 0x7fffffff;
-            memory.live[lane] = 0;
+            m_Slot[lane] = 0;
+            m_Lanes.x[lane] = m_Lanes.y[lane] = m_Lanes.z[lane] = 0;
+            m_Lanes.count[lane] = m_Lanes.end[lane] = 0;
+            m_Lanes.transparency[lane] = 0xffff;
+            m_Lanes.run[lane] = 0x7fffffff;
+            m_Lanes.live[lane] = 0;
             return;
         }
         const int* const origin = m_Job.brick->origin;
         const _listRay& ray = *m_Work.rays[m_NextRay];
         m_Slot[lane] = m_NextRay++;
-        memory.x[lane] = static_cast<std::int32_t>(ray.position[0] - (static_cast<std::uint32_t>(origin[0]) << 16));
-        memory.y[lane] = static_cast<std::int32_t>(ray.position[1] - (static_cast<std::uint32_t>(origin[1]) << 16));
-        memory.z[lane] = static_cast<std::int32_t>(ray.position[2] - (static_cast<std::uint32_t>(origin[2]) << 16));
-        memory.count[lane] = ray.step_count;
-        memory.end[lane] = ray.end;
-        memory.transparency[lane] = ray.transparency;
-        memory.run[lane] = 0;
-        memory.live[lane] = -1;
+        m_Lanes.x[lane] = static_cast<std::int32_t>(ray.position[0] - (static_cast<std::uint32_t>(origin[0]) << 16));
+        m_Lanes.y[lane] = static_cast<std::int32_t>(ray.position[1] - (static_cast<std::uint32_t>(origin[1]) << 16));
+        m_Lanes.z[lane] = static_cast<std::int32_t>(ray.position[2] - (static_cast<std::uint32_t>(origin[2]) << 16));
+        m_Lanes.count[lane] = ray.step_count;
+        m_Lanes.end[lane] = ray.end;
+        m_Lanes.transparency[lane] = ray.transparency;
+        m_Lanes.run[lane] = 0;
+        m_Lanes.live[lane] = -1;
     }
 
     // Distance, as if coordinates always grew, to the last position of the cube of `edge` leaves around a coordinate.
@@ -197,9 +239,9 @@ private:
         return Lanes::to_float(Lanes::sub(Lanes::sub(beyond, Lanes::set(1)), mirrored));
     }
 
-    // Gives the waiting lanes in visible leaves a run and moves the others behind the invisible leaves around them.
-    // Returns those others, which still wait.
-    Int find_runs(State& state, Int waiting) {
+    // Gives the waiting lanes in visible leaves a run and moves the others, which go on waiting, behind the invisible
+    // leaves around them.
+    void find_runs(State& state, Int waiting) {
         // Look up the leaf.
         const Int leaf_x = Lanes::template shift_right<kLeafPositionBits>(state.x);
         const Int leaf_y = Lanes::template shift_right<kLeafPositionBits>(state.y);
@@ -230,54 +272,46 @@ private:
         state.y = Lanes::add(state.y, Lanes::mul_low(leap, Lanes::set(m_Frame.increment[1])));
         state.z = Lanes::add(state.z, Lanes::mul_low(leap, Lanes::set(m_Frame.increment[2])));
         state.count = Lanes::add(state.count, Lanes::mul_low(leap, Lanes::set(m_Frame.step)));
-        return leaping;
     }
 
     // ---- Samples ----
 
-    Cell locate(Int x, Int y, Int z) {
+    IP_VOLR_HOT static Cell locate(const Constants& k, Int x, Int y, Int z) {
         // y in the low and z in the high 16 bits, times their strides.
-        const Int yz = Lanes::bit_or(Lanes::template shift_right<16>(y), Lanes::bit_and(z, Lanes::set(-0x10000)));
-        const Int row = Lanes::madd(yz, Lanes::set(kPairPlane << 16 | kPairRow));
-        const Int low_bits = Lanes::set(0xffff);
-        const Int f = Lanes::template shift_right<16 - kWeightBits>(Lanes::bit_and(y, low_bits));
-        const Float unit = Lanes::set(1.0f / 65536.0f);
+        const Int yz = Lanes::bit_or(Lanes::template shift_right<16>(y), Lanes::bit_and(z, k.high_bits));
+        const Int row = Lanes::madd(yz, k.strides);
+        const Int f = Lanes::template shift_right<16 - kWeightBits>(Lanes::bit_and(y, k.low_bits));
         return {Lanes::add(Lanes::template shift_right<16>(x), row),
-                Lanes::add(Lanes::template shift_left<16>(f), Lanes::sub(Lanes::set(kWeightOne), f)),
-                Lanes::mul(Lanes::to_float(Lanes::bit_and(x, low_bits)), unit),
-                Lanes::mul(Lanes::to_float(Lanes::bit_and(z, low_bits)), unit)};
+                Lanes::add(Lanes::template shift_left<16>(f), Lanes::sub(k.weight_one, f)),
+                Lanes::mul(Lanes::to_float(Lanes::bit_and(x, k.low_bits)), k.unit),
+                Lanes::mul(Lanes::to_float(Lanes::bit_and(z, k.low_bits)), k.unit)};
     }
 
-    static Float interpolate(Float a, Float b, Float fraction) {
+    IP_VOLR_HOT static Float interpolate(Float a, Float b, Float fraction) {
         return Lanes::add(a, Lanes::mul(fraction, Lanes::sub(b, a)));
     }
 
-    static Float interpolate_xz(const Cell& cell, Int near_0, Int near_1, Int far_0, Int far_1) {
+    IP_VOLR_HOT static Float interpolate_xz(const Cell& cell, Int near_0, Int near_1, Int far_0, Int far_1) {
         const Float near_z = interpolate(Lanes::to_float(near_0), Lanes::to_float(near_1), cell.fraction_x);
         const Float far_z = interpolate(Lanes::to_float(far_0), Lanes::to_float(far_1), cell.fraction_x);
         return interpolate(near_z, far_z, cell.fraction_z);
     }
 
-    // Two neighbours along x, interpolated along y.
-    struct Edge {
-        Int first, second;
-    };
-
-    Edge load_edge(const Cell& cell, int offset) {
+    IP_VOLR_HOT Edge load_edge(const Cell& cell, int offset) {
         Int first, second;
         Lanes::load_2(m_Work.pairs + kPairOrigin + offset, cell.index, first, second);
         return {Lanes::madd(first, cell.weight_y), Lanes::madd(second, cell.weight_y)};
     }
 
-    Int sample_value(const Cell& cell) {
+    IP_VOLR_HOT Int sample_value(const Constants& k, const Cell& cell) {
         const Edge near_z = load_edge(cell, 0);
         const Edge far_z = load_edge(cell, kPairPlane);
         const Float value = interpolate_xz(cell, near_z.first, near_z.second, far_z.first, far_z.second);
-        return Lanes::round(Lanes::mul(value, Lanes::set(1.0f / kWeightOne)));
+        return Lanes::round(Lanes::mul(value, k.value_unit));
     }
 
     // Tissue << 16 of each lane's nearest voxel.
-    Int sample_tissue(const State& state) {
+    IP_VOLR_HOT Int sample_tissue(const State& state) {
         if (!m_Job.has_tissues) {
             return Lanes::set(m_TissueBits);
         }
@@ -292,72 +326,69 @@ private:
         return Lanes::template shift_left<16>(tissue);
     }
 
-    // Takes one sample in every lane.
-    void take_samples(State& state) {
+    // Takes one sample in every lane and moves on.
+    IP_VOLR_HOT void take_samples(const Constants& k, State& state) {
         // Classify.
-        Cell cell = locate(state.x, state.y, state.z);
+        Cell cell = locate(k, state.x, state.y, state.z);
         cell.index = Lanes::bit_and(state.live, cell.index);  // idle lanes drift
-        const Int value = Lanes::add(sample_value(cell), Lanes::set(m_Job.value_offset));
-        const Int index = Lanes::max(Lanes::set(0), Lanes::min(value, Lanes::set(m_Frame.table_last)));
+        const Int value = Lanes::add(sample_value(k, cell), k.value_offset);
+        const Int index = Lanes::max(k.zero, Lanes::min(value, k.table_last));
         const Int tissue = sample_tissue(state);
         const Int entry = m_Job.has_tissues ? Lanes::add(tissue, index) : index;
         const Int colour = Lanes::bit_and(state.live, Lanes::load_word(m_Colours, entry));
         const Int opacity = Lanes::template shift_right<24>(colour);
-        const Int is_opaque = Lanes::greater(opacity, Lanes::set(0));
-        if (Lanes::mask(is_opaque) == 0) {
-            return;
+
+        // Composite.
+        state.run = Lanes::sub(state.run, k.one);
+        const Int is_opaque = Lanes::greater(opacity, k.zero);
+        if (Lanes::mask(is_opaque) != 0) {
+            const Int step_transparency = Lanes::load_word(m_Frame.step_transparency, opacity);
+            const Int behind = Lanes::mul_high_16(state.transparency, step_transparency);
+            const Int weight = Lanes::bit_and(is_opaque, Lanes::sub(state.transparency, behind));
+            state.transparency = Lanes::sub(state.transparency, weight);
+            add_light(k, state, colour, opacity, weight, Lanes::bit_or(tissue, index));
+            // A faded ray has no run left.
+            const Int faded = Lanes::greater(k.transparency_threshold, state.transparency);
+            state.run = Lanes::bit_and_not(faded, state.run);
         }
 
-        // Absorb.
-        const Int step_transparency = Lanes::load_word(m_Frame.step_transparency, opacity);
-        const Int behind = Lanes::mul_high_16(state.transparency, step_transparency);
-        const Int weight = Lanes::bit_and(is_opaque, Lanes::sub(state.transparency, behind));
-        state.transparency = Lanes::sub(state.transparency, weight);
-
-        // Collect.
-        const Int table_index = Lanes::bit_or(tissue, index);
-        add_ambient_light(state, colour, weight, table_index);
-        if (m_Frame.shading) {
-            const Int decider = m_Frame.weight_decides_shading ? weight : Lanes::template shift_left<8>(opacity);
-            const int shaded = Lanes::mask(Lanes::greater(decider, Lanes::set(m_Frame.opacity_gradient_threshold)));
-            if (shaded != 0) {
-                queue_samples(state, colour, weight, table_index, shaded);
-            }
-        }
-
-        // A faded ray has no run left.
-        const Int faded = Lanes::greater(Lanes::set(m_Frame.transparency_threshold), state.transparency);
-        state.run = Lanes::bit_and_not(faded, state.run);
+        // Advance.
+        state.x = Lanes::add(state.x, k.increment_x);
+        state.y = Lanes::add(state.y, k.increment_y);
+        state.z = Lanes::add(state.z, k.increment_z);
+        state.count = Lanes::add(state.count, k.step);
     }
 
     // ---- Light ----
 
-    static Int duplicate_16(Int value) { return Lanes::bit_or(value, Lanes::template shift_left<16>(value)); }
-
-    static Int weighted_blue_red(Int colour, Int weight) {
-        const Int channels = Lanes::bit_and(Lanes::template shift_left<8>(colour), Lanes::set(-0xff0100));
-        return Lanes::mul_high_16(channels, duplicate_16(weight));
+    IP_VOLR_HOT static Int duplicate_16(Int value) {
+        return Lanes::bit_or(value, Lanes::template shift_left<16>(value));
     }
 
-    static Int weighted_green(Int colour, Int weight) {
-        return Lanes::mul_high_16(Lanes::bit_and(colour, Lanes::set(0xff00)), weight);
+    IP_VOLR_HOT static Int weighted_blue_red(const Constants& k, Int colour, Int weight) {
+        const Int bytes = Lanes::bit_and(Lanes::template shift_left<8>(colour), k.blue_red);
+        return Lanes::mul_high_16(bytes, duplicate_16(weight));
+    }
+
+    IP_VOLR_HOT static Int weighted_green(const Constants& k, Int colour, Int weight) {
+        return Lanes::mul_high_16(Lanes::bit_and(colour, k.green), weight);
     }
 
     // a * b / 65536 in every 16 bits, saturated; a is given by the 16 bits above and below 65536.
-    static Int multiply_16(Int a_high, Int a_low, Int b) {
+    IP_VOLR_HOT static Int multiply_16(Int a_high, Int a_low, Int b) {
         const Int whole = Lanes::saturating_product_16(a_high, b);
         return Lanes::add_saturated_16(whole, Lanes::mul_high_16(a_low, b));
     }
 
     // Weight of one kind of light of each lane, below 65536 when it comes from a table.
-    Int light_weight(Int table_index, int kind) {
+    IP_VOLR_HOT Int light_weight(Int table_index, int kind) {
         if (!m_Job.has_weight_tables) {
             return Lanes::set(m_Frame.uniform_weights[kind]);
         }
         if (!m_Job.has_tissues) {
             // One table for all lanes: its entries are two words, the first with the first two weights.
-            const auto* const words =
-                reinterpret_cast<const std::uint32_t*>(m_Frame.weight_tables[m_Job.brick->only_tissue]);
+            const std::uint64_t* const table = m_Frame.weight_tables[m_Job.brick->only_tissue];
+            const auto* const words = reinterpret_cast<const std::uint32_t*>(table);
             const Int index = Lanes::bit_and(table_index, Lanes::set(0xffff));
             const Int word = Lanes::load_word(words + kind / 2, Lanes::template shift_left<1>(index));
             return kind == 1 ? Lanes::template shift_right<16>(word) : Lanes::bit_and(word, Lanes::set(0xffff));
@@ -374,26 +405,32 @@ private:
         return Lanes::load(weights);
     }
 
-    void add_ambient_light(State& state, Int colour, Int weight, Int table_index) {
-        const Int blue_red = weighted_blue_red(colour, weight);
-        const Int green = weighted_green(colour, weight);
-        const Int ambient = light_weight(table_index, 2);
-        const Int low = Lanes::bit_and(ambient, Lanes::set(0xffff));
-        if (m_Frame.uniform_weights[2] <= 0xffff) {
-            const Int low_2 = duplicate_16(low);
-            state.light_br = Lanes::add_saturated_16(state.light_br, Lanes::mul_high_16(blue_red, low_2));
-            state.light_g = Lanes::add_saturated_16(state.light_g, Lanes::mul_high_16(green, low));
+    // Light of one sample in every lane; the samples to be shaded go to the queue.
+    IP_VOLR_HOT void add_light(const Constants& k, State& state, Int colour, Int opacity, Int weight, Int table_index) {
+        const Int blue_red = weighted_blue_red(k, colour, weight);
+        const Int green = weighted_green(k, colour, weight);
+        if (m_Job.has_simple_weights) {
+            state.light_br = Lanes::add_saturated_16(state.light_br, Lanes::mul_high_16(blue_red, k.ambient_2));
+            state.light_g = Lanes::add_saturated_16(state.light_g, Lanes::mul_high_16(green, k.ambient));
         } else {
+            const Int ambient = light_weight(table_index, 2);
+            const Int low = Lanes::bit_and(ambient, k.low_bits);
             const Int high = Lanes::template shift_right<16>(ambient);
             const Int br = multiply_16(duplicate_16(high), duplicate_16(low), blue_red);
             state.light_br = Lanes::add_saturated_16(state.light_br, br);
             state.light_g = Lanes::add_saturated_16(state.light_g, multiply_16(high, low, green));
         }
+        const Int decider = m_Frame.weight_decides_shading ? weight : Lanes::template shift_left<8>(opacity);
+        const int shaded = Lanes::mask(Lanes::greater(decider, k.shading_threshold));
+        if (shaded != 0) {
+            queue_samples(state, colour, weight, table_index, shaded);
+        }
     }
 
     // ---- Shading ----
 
-    void queue_samples(const State& state, Int colour, Int weight, Int table_index, int lanes) {
+    // The queue has room for one more vector whenever samples are taken.
+    IP_VOLR_HOT void queue_samples(const State& state, Int colour, Int weight, Int table_index, int lanes) {
         ShadeQueue& queue = m_Work.queue;
         const auto order = Lanes::compress_order(lanes);
         Lanes::store_compressed(queue.x + m_NumQueued, state.x, order);
@@ -404,13 +441,10 @@ private:
         Lanes::store_compressed(queue.table_index + m_NumQueued, table_index, order);
         Lanes::store_compressed(queue.slot + m_NumQueued, Lanes::load(m_Slot), order);
         m_NumQueued += Lanes::count_bits(lanes);
-        if (m_NumQueued >= kShadeQueue - 8) {
-            shade_full_vectors();
-        }
     }
 
     // Works off whole vectors and moves the rest to the front.
-    void shade_full_vectors() {
+    IP_VOLR_COLD void shade_full_vectors() {
         ShadeQueue& queue = m_Work.queue;
         const int num_shaded = m_NumQueued - m_NumQueued % kCount;
         const int num_left = m_NumQueued - num_shaded;
@@ -427,10 +461,11 @@ private:
         m_NumQueued = num_left;
     }
 
-    void shade_queue(int num_samples) {
+    IP_VOLR_COLD void shade_queue(int num_samples) {
+        const Constants constants(m_Job);
         for (int first = 0; first < num_samples; first += kCount) {
             const int num_left = num_samples - first;
-            shade(first, num_left < kCount ? num_left : kCount);
+            shade(constants, first, num_left < kCount ? num_left : kCount);
         }
     }
 
@@ -493,11 +528,11 @@ private:
     }
 
     // Diffuse and specular light of `num_samples` queued samples, at most a vector of them.
-    void shade(int first, int num_samples) {
+    void shade(const Constants& k, int first, int num_samples) {
         // Find the normals.
         const ShadeQueue& queue = m_Work.queue;
         const Int valid = Lanes::first_lanes(num_samples);
-        const Cell cell = locate(Lanes::bit_and(valid, Lanes::load(queue.x + first)),
+        const Cell cell = locate(k, Lanes::bit_and(valid, Lanes::load(queue.x + first)),
                                  Lanes::bit_and(valid, Lanes::load(queue.y + first)),
                                  Lanes::bit_and(valid, Lanes::load(queue.z + first)));
         const Normal normal = find_gradient(cell);
@@ -520,8 +555,8 @@ private:
         const Int weight = Lanes::load(queue.weight + first);
         const Int specular_low = Lanes::bit_and(specular, Lanes::set(0xffff));
         const Int white = multiply_16(Lanes::template shift_right<16>(specular), specular_low, weight);
-        const Int blue_red = Lanes::mul_high_16(weighted_blue_red(colour, weight), duplicate_16(diffuse));
-        const Int green = Lanes::mul_high_16(weighted_green(colour, weight), diffuse);
+        const Int blue_red = Lanes::mul_high_16(weighted_blue_red(k, colour, weight), duplicate_16(diffuse));
+        const Int green = Lanes::mul_high_16(weighted_green(k, colour, weight), diffuse);
         alignas(32) std::uint32_t light_br[kCount];
         alignas(32) std::uint32_t light_g[kCount];
         Lanes::store(light_br, Lanes::add_saturated_16(blue_red, duplicate_16(white)));
@@ -538,9 +573,13 @@ private:
     std::int32_t m_TissueBits;
     int m_NextRay;
     int m_NumQueued;
-    alignas(32) std::int32_t m_Slot[Lanes::kCount];  // ray of each lane, -1 for none
+    LaneMemory<Lanes> m_Lanes;
+    alignas(32) std::int32_t m_Slot[Lanes::kCount];  // ray of each lane
 };
 
 }  // namespace
 
 }  // namespace ip_volr::kernels
+
+#undef IP_VOLR_HOT
+#undef IP_VOLR_COLD
