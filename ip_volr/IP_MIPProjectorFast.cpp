@@ -75,6 +75,10 @@ void IP_MIPProjector::ProjectBoxes(IP_VolRParamsMIP* p, IP_VolRBoxParamsMIP* a, 
     IP_VolDataProj* const transposed = p->m_AltVolData->GetTransVolRData(k);
     if (!RebuildVolRDatas(volume, not_transposed, transposed,
                           calc_angle(volume->GetCurrentBox(), a->m_PhysToVirtual))) {
+        // Slices that lie the wrong way round must not be drawn.
+        a->m_Box = IP_Box(0, 0, 0);
+        b->m_Box = IP_Box(0, 0, 0);
+        m_IsComplete = false;
         return;
     }
     ProjectBox(p, a, not_transposed, a->m_PhysToVirtual, false);

@@ -329,12 +329,16 @@ bool IP_ShearWarpProjector::RebuildVolRDatas(IP_VolDataProj* volume, IP_VolDataP
 
     volume->CheckAndTransposed(0, split, true);
     volume->CheckAndTransposed(split, num_slices, false);
+    if (!volume->AreSlicesTransposed(0, split, true) || !volume->AreSlicesTransposed(split, num_slices, false)) {
+        return false;
+    }
 
     not_transposed->ShowSlices(*volume, split, num_slices);
     const bool both = split > 0 && split < num_slices;
     transposed->ShowSlices(*volume, 0, both ? split + 1 : split);
     if (both) {
         TransposeSharedSlice(volume, transposed, -1, split, 0);
+        return transposed->GetSlice(split) != volume->GetSlice(split);
     }
     return true;
 }

@@ -95,6 +95,9 @@ public:
     // Orientation of a prepared slice: true when it is transposed. False also for a slice without block.
     bool IsSliceTransposed(int slice) const;
 
+    // Whether no slice of [first, last) lies the other way round: what CheckAndTransposed leaves unless mapping failed.
+    bool AreSlicesTransposed(int first, int last, bool wanted) const;
+
     // Makes this view show the slices [first, last) of `whole`: they keep their positions in the slice array (the
     // others are null, work and temp slices stay), the first slice index becomes `first`, and both boxes are cut along
     // z to these slices. An empty range leaves boxes without slices. The bounds of `whole` are shared. Only for views.

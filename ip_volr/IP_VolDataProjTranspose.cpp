@@ -43,6 +43,10 @@ bool IP_VolDataProj::IsSliceTransposed(int slice) const {
     return record != nullptr && record->GetTransposed();
 }
 
+bool IP_VolDataProj::AreSlicesTransposed(int first, int last, bool wanted) const {
+    return count_oriented(first, last, !wanted) == 0;
+}
+
 bool IP_VolDataProj::CheckTransposed(bool wanted) {
     const int first = start_index();
     const int num_differing = count_oriented(first, m_NumbSlices, !wanted);
