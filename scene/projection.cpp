@@ -38,6 +38,16 @@ std::uint32_t Level(double value, const DisplayWindow& window, double white) {
 
 }  // namespace
 
+std::vector<ClipPlane> PlanesOf(const Slab& slab, const Camera& camera) {
+    const Vec3 middle = camera.middle_mm + camera.into * slab.offset_mm;
+    std::vector<ClipPlane> planes;
+    for (const double side : {1.0, -1.0}) {
+        const Vec3 n = camera.into * side;
+        planes.push_back({n.x, n.y, n.z, 0.5 * slab.thickness_mm - Dot(n, middle)});
+    }
+    return planes;
+}
+
 Projection::Projection(VolumeSource& source, bool linear) : m_Source(source), m_Linear(linear) {
     m_Volume = std::make_shared<IP_VolData>(*source.Volume());
     *m_Volume->GetBox() = ProjectionBox(source.Info());
@@ -103,11 +113,8 @@ void Projection::SetView(const Camera& camera, const View& view) {
 void Projection::PassPlanes() {
     std::vector<ClipPlane> planes = m_Planes;
     if (m_Slab) {
-        const Vec3 middle = m_Camera.middle_mm + m_Camera.into * m_Slab->offset_mm;
-        for (const double side : {1.0, -1.0}) {
-            const Vec3 n = m_Camera.into * side;
-            planes.push_back({n.x, n.y, n.z, 0.5 * m_Slab->thickness_mm - Dot(n, middle)});
-        }
+        const std::vector<ClipPlane> slab = PlanesOf(*m_Slab, m_Camera);
+        planes.insert(planes.end(), slab.begin(), slab.end());
     }
     // Patient planes in the projection's frame: normals by components along the voxel axes, distances from voxel (0, 0,
     // 0).

@@ -35,6 +35,9 @@ struct Slab {
     double offset_mm = 0.0;  // of its middle beyond the volume's middle, away from the viewer
 };
 
+// The two faces of a slab as planes that keep it.
+std::vector<ClipPlane> PlanesOf(const Slab& slab, const Camera& camera);
+
 // Draws one source. Not for several threads at once. The source must outlive it.
 class Projection {
 public:

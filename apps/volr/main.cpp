@@ -61,6 +61,9 @@ int main(int argc, char** argv) {
     volr::AddPresetsVerb(app, run);
     volr::AddRenderVerb(app, run);
     volr::AddMipVerb(app, run);
+    volr::AddRotateVerb(app, run);
+    volr::AddVesselVerb(app, run);
+    volr::AddPickVerb(app, run);
 
     try {
         app.parse(argc, argv);

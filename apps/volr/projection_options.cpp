@@ -6,33 +6,6 @@
 
 namespace volr {
 
-namespace {
-
-std::optional<scene::Slab> ParseSlab(const std::string& text) {
-    if (text.empty()) {
-        return std::nullopt;
-    }
-    const bool with_offset = text.find(',') != std::string::npos;
-    const std::vector<double> numbers = ParseNumbers("--slab", text, with_offset ? 2 : 1);
-    if (numbers[0] <= 0.0) {
-        Misuse("--slab", "its thickness is not positive", "give mm, as THICKNESS or THICKNESS,OFFSET");
-    }
-    return scene::Slab{numbers[0], with_offset ? numbers[1] : 0.0};
-}
-
-std::optional<double> ParseDepthCue(const std::string& text) {
-    if (text.empty()) {
-        return std::nullopt;
-    }
-    const double floor = ParseNumbers("--depth-cue", text, 1)[0];
-    if (floor < 0.0 || floor > 1.0) {
-        Misuse("--depth-cue", "is out of range", "give the weight of the far end, 0 to 1");
-    }
-    return floor;
-}
-
-}  // namespace
-
 void ProjectionOptions::AddTo(CLI::App& verb) {
     const auto group = "Projection";
     CLI::Option* const is_linear =
@@ -49,13 +22,13 @@ void ProjectionOptions::AddTo(CLI::App& verb) {
 
 void ProjectionOptions::Check() const {
     ParseWindow();
-    ParseSlab(slab);
-    ParseDepthCue(depth_cue);
+    ParseSlab();
+    ParseDepthCue();
 }
 
 void ProjectionOptions::Apply(scene::Projection& projection) const {
-    projection.SetSlab(ParseSlab(slab));
-    projection.SetDepthCue(ParseDepthCue(depth_cue));
+    projection.SetSlab(ParseSlab());
+    projection.SetDepthCue(ParseDepthCue());
 }
 
 std::optional<scene::DisplayWindow> ProjectionOptions::ParseWindow() const {
@@ -67,6 +40,29 @@ std::optional<scene::DisplayWindow> ProjectionOptions::ParseWindow() const {
         Misuse("--window", "its width is not positive", "write it as CENTRE,WIDTH");
     }
     return scene::DisplayWindow{numbers[0], numbers[1]};
+}
+
+std::optional<scene::Slab> ProjectionOptions::ParseSlab() const {
+    if (slab.empty()) {
+        return std::nullopt;
+    }
+    const bool with_offset = slab.find(',') != std::string::npos;
+    const std::vector<double> numbers = ParseNumbers("--slab", slab, with_offset ? 2 : 1);
+    if (numbers[0] <= 0.0) {
+        Misuse("--slab", "its thickness is not positive", "give mm, as THICKNESS or THICKNESS,OFFSET");
+    }
+    return scene::Slab{numbers[0], with_offset ? numbers[1] : 0.0};
+}
+
+std::optional<double> ProjectionOptions::ParseDepthCue() const {
+    if (depth_cue.empty()) {
+        return std::nullopt;
+    }
+    const double floor = ParseNumbers("--depth-cue", depth_cue, 1)[0];
+    if (floor < 0.0 || floor > 1.0) {
+        Misuse("--depth-cue", "is out of range", "give the weight of the far end, 0 to 1");
+    }
+    return floor;
 }
 
 }  // namespace volr

@@ -22,6 +22,8 @@ struct ProjectionOptions {
     bool Linear() const { return !fast; }
     void Apply(scene::Projection& projection) const;  // slab and depth cue
     std::optional<scene::DisplayWindow> ParseWindow() const;
+    std::optional<scene::Slab> ParseSlab() const;
+    std::optional<double> ParseDepthCue() const;
 };
 
 }  // namespace volr

@@ -170,10 +170,14 @@ nlohmann::ordered_json Session::Statistics() const {
     return stats;
 }
 
-void Session::Report(const std::string& output) {
+void Session::WriteStatistics() {
     if (!m_Options.stats_path.empty()) {
         scene::WriteFile(m_Options.stats_path, Statistics().dump(2) + "\n");
     }
+}
+
+void Session::Report(const std::string& output) {
+    WriteStatistics();
     if (Quiet()) {
         return;
     }

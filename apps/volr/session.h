@@ -67,6 +67,7 @@ public:
     void NoteWritten(double seconds) { m_WriteSeconds += seconds; }
     void NotePicture(const scene::PictureGeometry& picture) { m_Picture = picture; }
 
+    void WriteStatistics();  // when asked for
     // Writes the statistics when asked for, then prints one line: what was made and how long it took.
     void Report(const std::string& output);
 

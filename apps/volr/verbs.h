@@ -14,5 +14,8 @@ void AddPhantomVerb(CLI::App& app, Work& run);
 void AddPresetsVerb(CLI::App& app, Work& run);
 void AddRenderVerb(CLI::App& app, Work& run);
 void AddMipVerb(CLI::App& app, Work& run);
+void AddRotateVerb(CLI::App& app, Work& run);
+void AddVesselVerb(CLI::App& app, Work& run);
+void AddPickVerb(CLI::App& app, Work& run);
 
 }  // namespace volr
