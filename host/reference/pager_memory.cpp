@@ -2,7 +2,10 @@
 
 #include <algorithm>
 #include <atomic>
+#include <deque>
 #include <fstream>
+#include <iterator>
+#include <mutex>
 #include <new>
 #include <string>
 
@@ -22,6 +25,14 @@ constexpr std::size_t kLinesPerPage = 64;
 constexpr std::size_t kPage = kCacheLine * kLinesPerPage;
 constexpr std::size_t kHugePage = std::size_t{2} << 20;
 constexpr std::int64_t kSmallBlock = 32 * 1024;  // up to this size the heap is cheaper and packs better
+
+// Working memory that each frame asks for and gives back would cost a page fault for every 4 KiB of it.
+#if defined(__SANITIZE_ADDRESS__)
+constexpr std::size_t kMostKept = 0;  // memory that is given back is gone, so that late use is noticed
+#else
+constexpr std::size_t kMostKept = std::size_t{32} << 20;  // all together
+#endif
+constexpr std::size_t kMostKeptEach = std::size_t{8} << 20;
 
 // Cache line of the page at which the next block begins. Neighbours in time lie 17 lines apart, and 64 blocks use every
 // line once.
@@ -91,6 +102,84 @@ std::int64_t read_number(const char* path, std::int64_t otherwise) {
 
 #endif
 
+// Mappings that were given back and wait for a block of the same length.
+class KeptMappings {
+public:
+    static KeptMappings& Instance() {
+        static KeptMappings* const instance = new KeptMappings;
+        return *instance;
+    }
+
+    void* Take(std::size_t length) {
+        const std::lock_guard<std::mutex> lock(m_Mutex);
+        const auto found = std::find_if(m_Mappings.rbegin(), m_Mappings.rend(),
+                                        [length](const Mapping& mapping) { return mapping.length == length; });
+        if (found == m_Mappings.rend()) {
+            return nullptr;
+        }
+        void* const base = found->base;
+        m_Mappings.erase(std::next(found).base());
+        m_Bytes -= length;
+        return base;
+    }
+
+    // Keeps a mapping, in the place of the oldest ones if need be.
+    void Put(void* base, std::size_t length) {
+        if (length > kMostKeptEach || kMostKept == 0) {
+            unmap_pages(base, length);
+            return;
+        }
+        const std::lock_guard<std::mutex> lock(m_Mutex);
+        while (m_Bytes + length > kMostKept) {
+            DropOldest();
+        }
+        try {
+            m_Mappings.push_back({base, length});
+            m_Bytes += length;
+        } catch (const std::bad_alloc&) {
+            unmap_pages(base, length);
+        }
+    }
+
+    // Gives everything back; false when there was nothing.
+    bool Clear() {
+        const std::lock_guard<std::mutex> lock(m_Mutex);
+        const bool had_some = !m_Mappings.empty();
+        while (!m_Mappings.empty()) {
+            DropOldest();
+        }
+        return had_some;
+    }
+
+private:
+    struct Mapping {
+        void* base;
+        std::size_t length;
+    };
+
+    void DropOldest() {
+        unmap_pages(m_Mappings.front().base, m_Mappings.front().length);
+        m_Bytes -= m_Mappings.front().length;
+        m_Mappings.pop_front();
+    }
+
+    std::mutex m_Mutex;
+    std::deque<Mapping> m_Mappings;  // oldest first
+    std::size_t m_Bytes = 0;
+};
+
+void* find_pages(std::size_t length) {
+    KeptMappings& kept = KeptMappings::Instance();
+    void* base = length <= kMostKeptEach ? kept.Take(length) : nullptr;
+    if (base == nullptr) {
+        base = map_pages(length);
+    }
+    if (base == nullptr && kept.Clear()) {
+        base = map_pages(length);
+    }
+    return base;
+}
+
 }  // namespace
 
 BlockMemory allocate_block_memory(std::int64_t bytes) {
@@ -101,9 +190,10 @@ BlockMemory allocate_block_memory(std::int64_t bytes) {
         memory.address = memory.base;
         return memory;
     }
+    // Room for any first line, so that equal blocks have equal lengths.
     const std::size_t first = next_line() * kCacheLine;
-    memory.length = (static_cast<std::size_t>(bytes) + first + kPage - 1) / kPage * kPage;
-    memory.base = map_pages(memory.length);
+    memory.length = (static_cast<std::size_t>(bytes) + (kPage - kCacheLine) + kPage - 1) / kPage * kPage;
+    memory.base = find_pages(memory.length);
     memory.address = memory.base != nullptr ? static_cast<char*>(memory.base) + first : nullptr;
     return memory;
 }
@@ -112,7 +202,7 @@ void release_block_memory(const BlockMemory& memory) {
     if (memory.length == 0) {
         ::operator delete (memory.base, std::align_val_t{kCacheLine});
     } else if (memory.base != nullptr) {
-        unmap_pages(memory.base, memory.length);
+        KeptMappings::Instance().Put(memory.base, memory.length);
     }
 }
 

@@ -15,7 +15,8 @@ struct BlockMemory {
 
 // Memory for at least `bytes` bytes (0 counts as 1), contents unspecified; a null address when there is none. Large
 // blocks ask for huge pages. Blocks larger than a page begin at different cache lines of their pages: else equal rows
-// of many slices would compete for the same few lines of the first-level cache.
+// of many slices would compete for the same few lines of the first-level cache. Up to 32 MiB of released memory, in
+// pieces of at most 8 MiB, wait for blocks of the same size.
 BlockMemory allocate_block_memory(std::int64_t bytes);
 void release_block_memory(const BlockMemory& memory);
 
