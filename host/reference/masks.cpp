@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "host/reference/matrix_inverse.h"
+#include "host/tasks.h"
 
 namespace {
 
@@ -72,6 +73,55 @@ bool is_near(const double pos_vox[3], const int dims[3]) {
     return pos_vox[0] > -1.0 && pos_vox[0] < dims[0] && pos_vox[1] > -1.0 && pos_vox[1] < dims[1] &&
            pos_vox[2] > -1.0 && pos_vox[2] < dims[2];
 }
+
+// Sets the voxels of one volume that are set in another, slices in parallel: they have no word in common.
+class SmoothOrJob {
+public:
+    SmoothOrJob(IP_BitVol& target, const IP_BitVol& sampled, int interpolation)
+        : m_Target(target), m_Sampled(sampled), m_Interpolation(interpolation) {
+        m_Target.GetDims(m_Dims);
+        m_Sampled.GetDims(m_SampledDims);
+    }
+
+    double to_other[4][4] = {};  // indices of the target to indices of the sampled volume
+
+    void Execute() {
+        TCO_CompoundRunnable<SmoothOrJob> runnable(this, &SmoothOrJob::subtask_set_slices);
+        TCO_CompoundTaskManager::GetHandle()->ExecuteCompoundTask(&runnable, false, 0, false);
+    }
+
+private:
+    void subtask_set_slices() {
+        const TCO_RunnableSelf self;
+        const int last = self.EndRange(m_Dims[2] - 1, 0);
+        for (int z = self.StartRange(m_Dims[2] - 1, 0); z <= last; ++z) {
+            for (int y = 0; y < m_Dims[1]; ++y) {
+                SetRow(y, z);
+            }
+        }
+    }
+
+    void SetRow(int y, int z) {
+        for (int x = 0; x < m_Dims[0]; ++x) {
+            double pos_vox[3];
+            for (int c = 0; c < 3; ++c) {
+                pos_vox[c] = x * to_other[0][c] + y * to_other[1][c] + z * to_other[2][c] + to_other[3][c];
+            }
+            if (!is_near(pos_vox, m_SampledDims)) {
+                continue;
+            }
+            if (m_Interpolation == 0 ? is_set_nearest(m_Sampled, pos_vox) : is_set_trilinear(m_Sampled, pos_vox)) {
+                m_Target.SetPixel(x, y, z, true);
+            }
+        }
+    }
+
+    IP_BitVol& m_Target;
+    const IP_BitVol& m_Sampled;
+    const int m_Interpolation;
+    int m_Dims[3];
+    int m_SampledDims[3];
+};
 
 IP_Box place_box(const IP_ListVol* list, const IP_BoxParams* place) {
     int dims[3] = {0, 0, 0};
@@ -331,30 +381,10 @@ IP_RealBitVol::IP_RealBitVol(const IP_ListVol* list, const IP_BoxParams* place, 
 }
 
 void IP_RealBitVol::SmoothOr(const IP_RealBitVol& other, int interpolation) {
-    double to_other[4][4];
-    index_to_index(m_Box, other.m_Box, to_other);
-    int dims[3];
-    m_Dims.GetDims(dims);
-    int other_dims[3];
-    other.GetDims(other_dims);
-
     // Voxels set here while sampling must not be seen by later samples of the same volume.
-    const IP_BitVol source = &other == this ? IP_BitVol(other) : IP_BitVol();
-    const IP_BitVol& sampled = &other == this ? source : other;
-    for (int z = 0; z < dims[2]; ++z) {
-        for (int y = 0; y < dims[1]; ++y) {
-            for (int x = 0; x < dims[0]; ++x) {
-                double pos_vox[3];
-                for (int c = 0; c < 3; ++c) {
-                    pos_vox[c] = x * to_other[0][c] + y * to_other[1][c] + z * to_other[2][c] + to_other[3][c];
-                }
-                if (!is_near(pos_vox, other_dims)) {
-                    continue;
-                }
-                if (interpolation == 0 ? is_set_nearest(sampled, pos_vox) : is_set_trilinear(sampled, pos_vox)) {
-                    SetPixel(x, y, z, true);
-                }
-            }
-        }
-    }
+    const IP_BitVol copy = &other == this ? IP_BitVol(other) : IP_BitVol();
+    const IP_BitVol& sampled = &other == this ? copy : other;
+    SmoothOrJob job(*this, sampled, interpolation);
+    index_to_index(m_Box, other.m_Box, job.to_other);
+    job.Execute();
 }
