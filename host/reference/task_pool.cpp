@@ -186,7 +186,7 @@ TaskPool::Job* TaskPool::JoinOldestJob() {
 // The job may be gone as soon as the count is down: only the pool is touched after that.
 void TaskPool::LeaveJob(Job& job) {
     if (job.workers.fetch_sub(1) == 1 && m_SleepingCallers.load() > 0) {
-        const std::lock_guard<std::mutex> lock(m_Mutex);
+        { const std::lock_guard<std::mutex> lock(m_Mutex); }
         m_CallersWake.notify_all();
     }
 }
@@ -240,7 +240,8 @@ void TaskPool::WakeWorkers(int wanted) {
     if (sleeping == 0) {
         return;
     }
-    const std::lock_guard<std::mutex> lock(m_Mutex);
+    // One that is between looking and sleeping holds the mutex. After that it hears, and finds the mutex free.
+    { const std::lock_guard<std::mutex> lock(m_Mutex); }
     if (wanted >= sleeping) {
         m_WorkersWake.notify_all();
         return;
