@@ -125,8 +125,13 @@ void Run(const Options& options) {
     }
     if (!options.output.empty()) {
         WriteMarked(picture, options.output, picks);
+        session.NotePicture(scene::GeometryOf(picture.GetCamera()));
     }
-    session.WriteStatistics();
+    if (options.output.empty() || options.pick.json) {
+        session.WriteStatistics();
+    } else {
+        session.Report(options.output);
+    }
 }
 
 }  // namespace
