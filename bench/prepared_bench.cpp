@@ -1,13 +1,17 @@
 // Preparation of MIP data from a CT-sized volume (512 x 512 x 400), beside a streaming read of the same bytes.
 #include "host/tasks.h"
 #include "ip_volr/IP_MultiVolDataIncMIP.h"
+#include "ip_volr/IP_MultiVolRTisIndInc.h"
+#include "ip_volr/IP_VolRTissueList.h"
 
 #include <benchmark/benchmark.h>
 
+#include <cmath>
 #include <cstdint>
 #include <cstring>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -154,10 +158,49 @@ void BM_PreparedTranspose(benchmark::State& state) {
     state.SetBytesProcessed(state.iterations() * kVolumeBytes / (quality == 0 ? 4 : 1));
 }
 
+// A ball of runs.
+IP_RealListVol ball(const IP_Box& box, int centre, int radius) {
+    IP_RealListVol result(box);
+    for (int z = 0; z < kDepth; z++) {
+        for (int y = 0; y < kEdge; y++) {
+            const int rest = radius * radius - (y - centre) * (y - centre) - (z - 200) * (z - 200);
+            if (rest > 0) {
+                const int half = static_cast<int>(std::sqrt(rest));
+                result.AddRun(y, z, centre - half, centre + half);
+            }
+        }
+    }
+    return result;
+}
+
+// Index volume of five tissues.
+void BM_TissueIndexRebuild(benchmark::State& state) {
+    IP_MultiVolData source = series(kDepth);
+    const IP_Box& box = *source.GetVolData(0)->GetBox();
+    std::vector<IP_RealListVol> masks;
+    for (int t = 0; t < 5; t++) {
+        masks.push_back(ball(box, 180 + 40 * t, 190 - 20 * t));
+    }
+    std::vector<IP_MultiRealListVol> sets(5);
+    IP_VolRTissueList tissues;
+    tissues.SetNumbTissues(5);
+    for (unsigned t = 0; t < 5; t++) {
+        sets[t].AddRealListVol(&masks[t]);
+        tissues.SetTissue(t, &sets[t]);
+        tissues.SetColorTableIndex(t, static_cast<int>(t));
+    }
+    IP_MultiVolRTisIndInc data;
+    for ([[maybe_unused]] auto _ : state) {
+        data.Rebuild(&source, 1, 1, 0, true, tissues);
+    }
+    state.SetBytesProcessed(state.iterations() * kVolumeBytes / 4);
+}
+
 BENCHMARK(BM_PreparedStreamingRead)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_PreparedFirstRebuild)->Arg(0)->Arg(1)->ArgName("quality")->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_PreparedNewPixels)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_PreparedOneMoreSlice)->Iterations(10)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_PreparedTranspose)->Arg(0)->Arg(1)->ArgName("quality")->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_TissueIndexRebuild)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 }  // namespace

@@ -164,7 +164,11 @@ IP_SliceIDInfo* IP_VolDataProj::slice_transpose_with_hash_update(int index, IP_S
     const int x = static_cast<int>(m_ChunkX);
     const int y = static_cast<int>(m_ChunkY);
     const bool transposed = record->GetTransposed();
+    const MEM_PagerInfo* block = slice->GetData();
     transpose_slice_swap_data(slice, work_slice, transposed ? y : x, transposed ? x : y);
+    if (slice->GetData() == block) {
+        return work_record;  // a kind of data that is never transposed
+    }
     work_record->SetData(work_slice->GetData());
     record->SetData(slice->GetData());
     record->ReverseTranspose();
