@@ -13,8 +13,10 @@
 //   blocks   [ 0 ][ 1 ] ... [ granted - 1 ]     the pager may grant fewer than were asked for
 //
 // A block is the payload rounded up to 16 bytes and ALLIASING_64K_OFFSET spare bytes, so that rows of successive slices
-// do not alias in the cache at strides of 64 KiB. Blocks rest unmapped; the chunk frees them when it dies. Copies refer
-// to the same blocks (shallow): only one of them may be destroyed with the blocks in it. Not locked.
+// do not alias in the cache at strides of 64 KiB. Blocks rest unmapped; the chunk frees them when it dies. Not locked.
+//
+// QUIRK(slice-chunk-copy): a reader expects a copy to have blocks of its own, or to share them safely; it refers to the
+// same arrays, and only one of the two may be destroyed with the blocks in it; kept: callers rely on it.
 class IP_VOLR_EXPORT IP_SliceChunk {
 public:
     static constexpr std::uint32_t ALLIASING_64K_OFFSET = 128;

@@ -85,7 +85,6 @@ std::uint32_t SliceIDHash::HashText(const char* text, std::uint32_t length) {
     return h;
 }
 
-// Copies of records would be found under the same text: a copy starts empty.
 IP_SliceIDInfo::IP_SliceIDInfo(const IP_SliceIDInfo& /*o*/) {}
 
 IP_SliceIDInfo& IP_SliceIDInfo::operator=(IP_SliceIDInfo& o) {

@@ -73,7 +73,8 @@ struct PreparedSliceShape {
 class IP_VOLR_EXPORT IP_SliceIDInfo {
 public:
     IP_SliceIDInfo() = default;
-    // Copies nothing: records stay in their chunk's array. The new record is like a default one.
+    // QUIRK(slice-record-copy): a reader expects the fields to be copied; the new record is like a default one, since
+    // records stay in their chunk's array and two of one text would be found for each other; kept: callers rely on it.
     IP_SliceIDInfo(const IP_SliceIDInfo& o);
     // Copies everything but the registration in a map; the text is copied.
     IP_SliceIDInfo& operator=(IP_SliceIDInfo& o);

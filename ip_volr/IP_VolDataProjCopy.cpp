@@ -210,6 +210,8 @@ bool IP_VolDataProj::CopyFastFromSlow(IP_VolData* source, bool transposed, int p
         try {
             run_subtasks(&IP_VolDataProj::subtask_copy_slices_with_tissue_fast);
         } catch (const TCO_CANCEL_EXCEPTION&) {
+            // QUIRK(refill-cancel-text): a reader expects this operation's name in the line; it carries the one of
+            // Transpose, and so do the lines of CheckAndTransposed; kept: callers rely on it.
             IP_VOLR_TRACE(ip_volr::kTraceWarning, kSource, kFunction, "Transpose: Cancelled\n");
             throw;
         }
