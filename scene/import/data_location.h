@@ -1,4 +1,4 @@
-// Where the pixels of a NRRD or MetaImage file lie, as far as it matters for verifying their checksum.
+// Where the pixels of a NRRD or MetaImage file lie, as far as it matters for checking that they are whole.
 #ifndef SCENE_IMPORT_DATA_LOCATION_H
 #define SCENE_IMPORT_DATA_LOCATION_H
 
@@ -9,10 +9,18 @@
 
 namespace scene::import {
 
+enum class DataForm {
+    kChecked,   // the reader itself notices when something is missing
+    kStored,    // plain bytes in one file
+    kDeflated,  // one zlib or gzip stream in one file
+    kMissing,   // the file that the header names is not there
+    kOther      // text, or spread over several files
+};
+
 struct DataLocation {
-    bool is_deflated = false;  // one zlib or gzip stream; the rest is valid only then
-    std::string path;          // of the file that holds it
-    std::uint64_t offset = 0;  // of its first byte
+    DataForm form = DataForm::kChecked;
+    std::string path;                               // of the file that holds it, and
+    std::uint64_t offset = 0, bytes_available = 0;  // its first byte and what follows
 };
 
 DataLocation LocateData(const std::string& path, SourceKind kind);

@@ -1,15 +1,16 @@
 // NRRD and MetaImage by way of ITK's readers, which deliver bytes in native order and a grid in LPS.
-#include <itkMetaDataObject.h>
 #include <itkMetaImageIO.h>
 #include <itkNrrdImageIO.h>
 
 #include <algorithm>
+#include <cstring>
 #include <memory>
 
 #include "scene/import/byte_source.h"
 #include "scene/import/data_location.h"
 #include "scene/import/grid_geometry.h"
 #include "scene/import/label_values.h"
+#include "scene/import/nrrd_geometry.h"
 #include "scene/import/readers.h"
 #include "scene/import/sixteen_bits.h"
 
@@ -104,16 +105,23 @@ Affine AffineOf(const itk::ImageIOBase& io) {
     return affine;
 }
 
-// NRRD axes may be given in spaces that do not say how the patient lies.
-void WarnOfUnknownSpace(const itk::ImageIOBase& io, SourceKind kind, std::vector<std::string>& warnings) {
-    std::string space;
-    itk::ExposeMetaData<std::string>(io.GetMetaDataDictionary(), "NRRD_space", space);
-    const bool is_patient = space.find("superior") != std::string::npos;
-    if (kind == SourceKind::kNrrd && !is_patient) {
+// The grid as the file means it.
+Affine PlaceOf(const itk::ImageIOBase& io, const std::string& path, SourceKind kind,
+               std::vector<std::string>& warnings) {
+    if (kind != SourceKind::kNrrd) {
+        return AffineOf(io);
+    }
+    const NrrdGeometry geometry = ReadNrrdGeometry(path);
+    if (!geometry.is_patient_space || !geometry.index_to_patient) {
         warnings.push_back(
             "the file does not say how the patient lies: x is taken for left, y for posterior, z for "
             "superior");
     }
+    const bool are_channels_axis = geometry.has_channels_first && io.GetNumberOfComponents() == 1;
+    if (geometry.is_space_torn || are_channels_axis || io.GetNumberOfDimensions() > 4) {
+        Refuse(path, "its axes come in an unusual order", "store space first and time last");
+    }
+    return geometry.index_to_patient.value_or(AffineOf(io));
 }
 
 // Index among all values of one voxel, channel before time.
@@ -166,6 +174,26 @@ SixteenBitCode ReadPixels(ImportContext& context, itk::ImageIOBase& io, const It
     return ToSixteenBits(pixels.get(), type, extent.NumVoxels(), volume.voxels.data(), path, volume.warnings);
 }
 
+// Checks that all pixels are there and undamaged, as far as the reader would not notice.
+void CheckData(const std::string& path, SourceKind kind, std::uint64_t num_bytes) {
+    const DataLocation location = LocateData(path, kind);
+    switch (location.form) {
+        case DataForm::kChecked:
+            return;
+        case DataForm::kDeflated:
+            VerifyDeflated(path, location.path, location.offset, num_bytes);
+            return;
+        case DataForm::kMissing:
+            Refuse(path, "its data file is missing", "put it beside the header");
+        case DataForm::kOther:
+            Refuse(path, "its pixels are text or spread over several files", "convert it to one binary file");
+        case DataForm::kStored:
+            if (location.bytes_available < num_bytes) {
+                Refuse(path, "the file ends before its image does", "it is truncated; get it anew");
+            }
+    }
+}
+
 itk::ImageIOBase::Pointer MakeIo(SourceKind kind) {
     if (kind == SourceKind::kNrrd) {
         return itk::NrrdImageIO::New().GetPointer();
@@ -186,18 +214,14 @@ ImportedVolume ReadItkVolume(ImportContext& context, const std::string& path, So
     context.Progress(0.05);
 
     // Read values and place them.
-    const DataLocation location = LocateData(path, kind);
-    if (location.is_deflated) {
-        const std::size_t num_values = extent.NumVoxels() * extent.num_channels * extent.num_times;
-        VerifyDeflated(path, location.path, location.offset, num_values * BytesPerPixel(TypeOf(*io, path)));
-        context.Progress(0.3);
-    }
+    const std::size_t num_values = extent.NumVoxels() * extent.num_channels * extent.num_times;
+    CheckData(path, kind, num_values * BytesPerPixel(TypeOf(*io, path)));
+    context.Progress(0.3);
     ImportedVolume volume;
     volume.dims = extent.dims;
     SixteenBitCode code = ReadPixels(context, *io, extent, path, volume);
     SetCode(volume, code);
-    WarnOfUnknownSpace(*io, kind, volume.warnings);
-    SetGrid(volume, path, AffineOf(*io));
+    SetGrid(volume, path, PlaceOf(*io, path, kind, volume.warnings));
     return volume;
 }
 

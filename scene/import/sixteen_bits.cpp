@@ -14,6 +14,7 @@ namespace scene::import {
 namespace {
 
 constexpr double kMaxCode = 65535.0;
+constexpr double kLargest = 1e300;  // beyond it values count as infinite, so that rescaling them stays finite
 
 // What one pass over the pixels finds.
 struct PixelStatistics {
@@ -29,7 +30,7 @@ PixelStatistics Examine(const Pixel* pixels, std::size_t count) {
     for (std::size_t i = 0; i < count; ++i) {
         const double value = static_cast<double>(pixels[i]);
         if constexpr (std::is_floating_point_v<Pixel>) {
-            if (!std::isfinite(value)) {
+            if (!(std::abs(value) <= kLargest)) {
                 ++(std::isnan(value) ? found.num_nan : found.num_infinite);
                 continue;
             }
