@@ -131,6 +131,7 @@ private:
     void subtask_lin_project_slices_xy();
     void subtask_lin_project_slices_xz();
     void transpose_and_project(const TCO_RunnableSelf& self);
+    void project_strip(const TCO_RunnableSelf& self, int first_sheet, int last_sheet);
 
     int m_Threshold = 0;
     unsigned short m_Background = 0;  // of pictures

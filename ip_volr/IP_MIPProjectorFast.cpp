@@ -148,10 +148,15 @@ void IP_MIPProjector::scale_thick_slices(IP_Box& working_box) {
     constexpr float kBelowLast = 0.01F;
     float index_scale = 0.9999F;
     if (m_Dir == 2) {
-        // Draw a thick slice as often as its thickness asks for.
+        // Draw a thick slice as often as its thickness asks for. What tells is the first slice of the whole volume,
+        // also when this part of it begins later.
         int dims[3];
         working_box.GetDims(dims);
-        const int scaled = ip_volr::thick_slice_count(dims[2], working_box.GetSliceZf());
+        float vecs[3][3];
+        working_box.GetVecs(vecs);
+        const float slice_distance_z = vecs[2][2] / static_cast<float>(dims[2]);
+        const float first_slice_z = working_box.GetSliceZf() - static_cast<float>(m_FirstSlice) * slice_distance_z;
+        const int scaled = ip_volr::thick_slice_count(dims[2], first_slice_z);
         index_scale = static_cast<float>(scaled - 1) / (static_cast<float>(dims[2]) - kBelowLast);
         dims[2] = scaled;
         working_box.SetDims(dims);

@@ -1,4 +1,4 @@
-// AVX2 kernels of the maximum-intensity projection: sixteen pixels at a time, the rest one by one.
+// AVX2 kernels of the maximum-intensity projection: sixteen pixels at a time; rows end as in the SSE4.1 kernels.
 #include "ip_volr/kernels/mip_kernels.h"
 
 #include <immintrin.h>
@@ -8,6 +8,8 @@ namespace ip_volr::kernels {
 namespace {
 
 constexpr std::size_t kLanes = 16;
+// How far ahead rows are called in: a row or two, since successive calls mostly read successive rows.
+constexpr std::size_t kAhead = 1024;
 
 __m256i load(const std::int16_t* p) {
     return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p));
@@ -28,13 +30,18 @@ void fill(std::int16_t* dst, std::size_t count, std::int16_t value) {
 }
 
 void max_row(std::int16_t* dst, const std::int16_t* src, std::size_t count) {
-    std::size_t i = 0;
-    for (; i + kLanes <= count; i += kLanes) {
+    if (count < kLanes) {
+        mip_scalar::max_row(dst, src, count);
+        return;
+    }
+    const auto group = [=](std::size_t i) {
+        _mm_prefetch(reinterpret_cast<const char*>(src + i + kAhead), _MM_HINT_T0);
         store(dst + i, _mm256_max_epi16(load(dst + i), load(src + i)));
+    };
+    for (std::size_t i = 0; i + kLanes <= count; i += kLanes) {
+        group(i);
     }
-    for (; i < count; i++) {
-        dst[i] = dst[i] > src[i] ? dst[i] : src[i];
-    }
+    group(count - kLanes);
 }
 
 void max_row_weighted(std::int16_t* dst, const std::int16_t* src, std::size_t count, MipWeightRamp weight) {
@@ -87,27 +94,41 @@ __m256i sample(const std::int16_t* near_row, const std::int16_t* far_row, std::p
 
 void max_row_bilinear(std::int16_t* dst, const std::int16_t* near_row, const std::int16_t* far_row, std::size_t count,
                       const MipBilinear& weights) {
-    const Weights w(weights);
-    std::size_t i = 0;
-    for (; i + kLanes <= count; i += kLanes) {
-        store(dst + i, _mm256_max_epi16(load(dst + i), sample(near_row + i, far_row + i, weights.step, w)));
+    if (count < kLanes) {
+        mip_scalar::max_row_bilinear(dst, near_row, far_row, count, weights);
+        return;
     }
-    mip_scalar::max_row_bilinear(dst + i, near_row + i, far_row + i, count - i, weights);
+    const Weights w(weights);
+    const std::ptrdiff_t step = weights.step;
+    const auto group = [&](std::size_t i) {
+        _mm_prefetch(reinterpret_cast<const char*>(near_row + i + kAhead), _MM_HINT_T0);
+        _mm_prefetch(reinterpret_cast<const char*>(far_row + i + kAhead), _MM_HINT_T0);
+        store(dst + i, _mm256_max_epi16(load(dst + i), sample(near_row + i, far_row + i, step, w)));
+    };
+    for (std::size_t i = 0; i + kLanes <= count; i += kLanes) {
+        group(i);
+    }
+    group(count - kLanes);
 }
 
 void row_bilinear(std::int16_t* dst, const std::int16_t* near_row, const std::int16_t* far_row, std::size_t count,
                   const MipBilinear& weights) {
-    const Weights w(weights);
-    std::size_t i = 0;
-    for (; i + kLanes <= count; i += kLanes) {
-        store(dst + i, sample(near_row + i, far_row + i, weights.step, w));
+    if (count < kLanes) {
+        mip_scalar::row_bilinear(dst, near_row, far_row, count, weights);
+        return;
     }
-    mip_scalar::row_bilinear(dst + i, near_row + i, far_row + i, count - i, weights);
+    const Weights w(weights);
+    const std::ptrdiff_t step = weights.step;
+    const auto group = [&](std::size_t i) { store(dst + i, sample(near_row + i, far_row + i, step, w)); };
+    for (std::size_t i = 0; i + kLanes <= count; i += kLanes) {
+        group(i);
+    }
+    group(count - kLanes);
 }
 
 }  // namespace
 
-// The transposition of the level below stays: its tiles already move a cache line's worth at a time.
+// The transposition of the level below stays: wider tiles touch more lines of one cache set and were slower.
 void add_mip_avx2(MipKernels& table) {
     table.fill = fill;
     table.max_row = max_row;

@@ -40,14 +40,17 @@ struct MipKernels {
     // dst[i] = sample(i)
     void (*row_bilinear)(std::int16_t* dst, const std::int16_t* near_row, const std::int16_t* far_row,
                          std::size_t count, const MipBilinear& weights);
-    // dst[y * dst_stride + x] = src[x * src_stride + y] for x < columns, y < rows: `columns` source rows become columns
+    // dst[y * dst_stride + x] = src[x * src_stride + y] for x < columns, y < rows: `columns` source rows become
+    // columns. `next` is where the following transposition of the same shape will read, or null: its beginning is
+    // called in.
     void (*transpose)(std::int16_t* dst, std::size_t dst_stride, const std::int16_t* src, std::size_t src_stride,
-                      std::size_t columns, std::size_t rows);
+                      std::size_t columns, std::size_t rows, const std::int16_t* next);
 };
 
 // The scalar kernels by name: the others leave the ends of rows to them.
 namespace mip_scalar {
 
+void max_row(std::int16_t* dst, const std::int16_t* src, std::size_t count);
 void max_row_weighted(std::int16_t* dst, const std::int16_t* src, std::size_t count, MipWeightRamp weight);
 void max_row_bilinear(std::int16_t* dst, const std::int16_t* near_row, const std::int16_t* far_row, std::size_t count,
                       const MipBilinear& weights);

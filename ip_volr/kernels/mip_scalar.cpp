@@ -25,21 +25,26 @@ std::int16_t sample(const std::int16_t* near_row, const std::int16_t* far_row, s
     return saturate((sum + 16384) >> 15);
 }
 
+void transpose(std::int16_t* dst, std::size_t dst_stride, const std::int16_t* src, std::size_t src_stride,
+               std::size_t columns, std::size_t rows, const std::int16_t*) {
+    mip_scalar::transpose(dst, dst_stride, src, src_stride, columns, rows);
+}
+
 void fill(std::int16_t* dst, std::size_t count, std::int16_t value) {
     for (std::size_t i = 0; i < count; i++) {
         dst[i] = value;
     }
 }
 
+}  // namespace
+
+namespace mip_scalar {
+
 void max_row(std::int16_t* dst, const std::int16_t* src, std::size_t count) {
     for (std::size_t i = 0; i < count; i++) {
         dst[i] = larger(dst[i], src[i]);
     }
 }
-
-}  // namespace
-
-namespace mip_scalar {
 
 void max_row_weighted(std::int16_t* dst, const std::int16_t* src, std::size_t count, MipWeightRamp weight) {
     // Unsigned arithmetic: the value behind the last pixel may wrap and is not used.
@@ -77,11 +82,11 @@ void transpose(std::int16_t* dst, std::size_t dst_stride, const std::int16_t* sr
 
 void add_mip_scalar(MipKernels& table) {
     table.fill = fill;
-    table.max_row = max_row;
+    table.max_row = mip_scalar::max_row;
     table.max_row_weighted = mip_scalar::max_row_weighted;
     table.max_row_bilinear = mip_scalar::max_row_bilinear;
     table.row_bilinear = mip_scalar::row_bilinear;
-    table.transpose = mip_scalar::transpose;
+    table.transpose = transpose;
 }
 
 }  // namespace ip_volr::kernels

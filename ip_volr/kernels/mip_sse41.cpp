@@ -1,4 +1,7 @@
-// SSE4.1 kernels of the maximum-intensity projection: eight pixels at a time, the rest one by one.
+// SSE4.1 kernels of the maximum-intensity projection: eight pixels at a time.
+//
+// A row that is no whole number of groups ends with a group that overlaps the one before: a maximum taken twice, or a
+// sample written twice, is the same.
 #include "ip_volr/kernels/mip_kernels.h"
 
 #include <smmintrin.h>
@@ -8,6 +11,7 @@ namespace ip_volr::kernels {
 namespace {
 
 constexpr std::size_t kLanes = 8;
+constexpr std::size_t kBand = 32;  // pixels of one cache line
 
 __m128i load(const std::int16_t* p) {
     return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
@@ -28,13 +32,15 @@ void fill(std::int16_t* dst, std::size_t count, std::int16_t value) {
 }
 
 void max_row(std::int16_t* dst, const std::int16_t* src, std::size_t count) {
-    std::size_t i = 0;
-    for (; i + kLanes <= count; i += kLanes) {
-        store(dst + i, _mm_max_epi16(load(dst + i), load(src + i)));
+    if (count < kLanes) {
+        mip_scalar::max_row(dst, src, count);
+        return;
     }
-    for (; i < count; i++) {
-        dst[i] = dst[i] > src[i] ? dst[i] : src[i];
+    const auto group = [=](std::size_t i) { store(dst + i, _mm_max_epi16(load(dst + i), load(src + i))); };
+    for (std::size_t i = 0; i + kLanes <= count; i += kLanes) {
+        group(i);
     }
+    group(count - kLanes);
 }
 
 void max_row_weighted(std::int16_t* dst, const std::int16_t* src, std::size_t count, MipWeightRamp weight) {
@@ -84,22 +90,34 @@ __m128i sample(const std::int16_t* near_row, const std::int16_t* far_row, std::p
 
 void max_row_bilinear(std::int16_t* dst, const std::int16_t* near_row, const std::int16_t* far_row, std::size_t count,
                       const MipBilinear& weights) {
-    const Weights w(weights);
-    std::size_t i = 0;
-    for (; i + kLanes <= count; i += kLanes) {
-        store(dst + i, _mm_max_epi16(load(dst + i), sample(near_row + i, far_row + i, weights.step, w)));
+    if (count < kLanes) {
+        mip_scalar::max_row_bilinear(dst, near_row, far_row, count, weights);
+        return;
     }
-    mip_scalar::max_row_bilinear(dst + i, near_row + i, far_row + i, count - i, weights);
+    const Weights w(weights);
+    const std::ptrdiff_t step = weights.step;
+    const auto group = [&](std::size_t i) {
+        store(dst + i, _mm_max_epi16(load(dst + i), sample(near_row + i, far_row + i, step, w)));
+    };
+    for (std::size_t i = 0; i + kLanes <= count; i += kLanes) {
+        group(i);
+    }
+    group(count - kLanes);
 }
 
 void row_bilinear(std::int16_t* dst, const std::int16_t* near_row, const std::int16_t* far_row, std::size_t count,
                   const MipBilinear& weights) {
-    const Weights w(weights);
-    std::size_t i = 0;
-    for (; i + kLanes <= count; i += kLanes) {
-        store(dst + i, sample(near_row + i, far_row + i, weights.step, w));
+    if (count < kLanes) {
+        mip_scalar::row_bilinear(dst, near_row, far_row, count, weights);
+        return;
     }
-    mip_scalar::row_bilinear(dst + i, near_row + i, far_row + i, count - i, weights);
+    const Weights w(weights);
+    const std::ptrdiff_t step = weights.step;
+    const auto group = [&](std::size_t i) { store(dst + i, sample(near_row + i, far_row + i, step, w)); };
+    for (std::size_t i = 0; i + kLanes <= count; i += kLanes) {
+        group(i);
+    }
+    group(count - kLanes);
 }
 
 // Transposes a tile of 8 x 8 pixels in three rounds of interleaving.
@@ -126,20 +144,43 @@ void transpose_tile(std::int16_t* dst, std::size_t dst_stride, const std::int16_
     }
 }
 
+// Transposes 32 source rows: every line of the destination that they reach is written whole, while the source lines
+// stay in the first cache. Meanwhile the next 32 rows are called in, line after line.
+void transpose_band(std::int16_t* dst, std::size_t dst_stride, const std::int16_t* src, std::size_t src_stride,
+                    std::size_t rows, const std::int16_t* next) {
+    std::size_t next_column = 0;
+    for (std::size_t y = 0; y < rows; y += 8) {
+        for (int line = 0; next != nullptr && line < 8; line++) {
+            _mm_prefetch(reinterpret_cast<const char*>(next + next_column), _MM_HINT_T1);
+            next_column += kBand;
+            if (next_column >= rows) {
+                next_column = 0;
+                next += src_stride;
+            }
+        }
+        for (std::size_t x = 0; x < kBand; x += 8) {
+            transpose_tile(dst + y * dst_stride + x, dst_stride, src + x * src_stride + y, src_stride);
+        }
+    }
+}
+
 void transpose(std::int16_t* dst, std::size_t dst_stride, const std::int16_t* src, std::size_t src_stride,
-               std::size_t columns, std::size_t rows) {
-    const std::size_t full_columns = columns - columns % 8;
+               std::size_t columns, std::size_t rows, const std::int16_t* next) {
     const std::size_t full_rows = rows - rows % 8;
-    // Source lines stay in the first cache while all tiles that read them are done.
-    for (std::size_t x = 0; x < full_columns; x += 8) {
+    std::size_t x = 0;
+    for (; x + kBand <= columns; x += kBand) {
+        const std::int16_t* const band = src + x * src_stride;
+        const bool is_last = x + 2 * kBand > columns;
+        transpose_band(dst + x, dst_stride, band, src_stride, full_rows, is_last ? next : band + kBand * src_stride);
+    }
+    for (; x + 8 <= columns; x += 8) {
         for (std::size_t y = 0; y < full_rows; y += 8) {
             transpose_tile(dst + y * dst_stride + x, dst_stride, src + x * src_stride + y, src_stride);
         }
     }
-    mip_scalar::transpose(dst + full_rows * dst_stride, dst_stride, src + full_rows, src_stride, full_columns,
+    mip_scalar::transpose(dst + x, dst_stride, src + x * src_stride, src_stride, columns - x, full_rows);
+    mip_scalar::transpose(dst + full_rows * dst_stride, dst_stride, src + full_rows, src_stride, columns,
                           rows - full_rows);
-    mip_scalar::transpose(dst + full_columns, dst_stride, src + full_columns * src_stride, src_stride,
-                          columns - full_columns, rows);
 }
 
 }  // namespace
