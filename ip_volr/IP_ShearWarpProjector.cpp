@@ -284,7 +284,8 @@ int IP_ShearWarpProjector::calc_zvec(float zvec[3], IP_Box* box, const float m[4
     // The picture plane's axes as seen by the viewer, and the step to the next slice.
     const float(&v)[4][4] = to_virtual;
     const double det = static_cast<double>(v[0][0]) * v[1][1] - static_cast<double>(v[0][1]) * v[1][0];
-    const double size = std::hypot(v[0][0], v[0][1]) * std::hypot(v[1][0], v[1][1]);
+    const double size =
+        static_cast<double>(std::hypot(v[0][0], v[0][1], v[0][2]) * std::hypot(v[1][0], v[1][1], v[1][2]));
     zvec[0] = zvec[1] = zvec[2] = 0.0F;
 
     int result = 0;

@@ -14,7 +14,9 @@ namespace {
 
 constexpr double kPi = 3.14159265358979323846;
 
-double dot(const Vec3& a, const Vec3& b) { return a[0] * b[0] + a[1] * b[1] + a[2] * b[2]; }
+double dot(const Vec3& a, const Vec3& b) {
+    return a[0] * b[0] + a[1] * b[1] + a[2] * b[2];
+}
 
 bool inside(const Planes& planes, const Volume& v, int x, int y, int z) {
     const Vec3 mm{v.start_mm[0] + (x + 0.5) * v.spacing_mm[0], v.start_mm[1] + (y + 0.5) * v.spacing_mm[1],
@@ -48,7 +50,8 @@ Volume Volume::reduced() const {
         r.spacing_mm[i] = spacing_mm[i] * dims[i] / r.dims[i];
     }
     r.fill([this](int x, int y, int z) {
-        return std::max({at(2 * x, 2 * y, z), at(2 * x + 1, 2 * y, z), at(2 * x, 2 * y + 1, z), at(2 * x + 1, 2 * y + 1, z)});
+        return std::max(
+            {at(2 * x, 2 * y, z), at(2 * x + 1, 2 * y, z), at(2 * x, 2 * y + 1, z), at(2 * x + 1, 2 * y + 1, z)});
     });
     return r;
 }
@@ -89,9 +92,10 @@ Volume phantom(std::array<int, 3> dims, Vec3 spacing_mm, bool is_signed) {
         const double w = (y + 0.5) / dims[1];
         const double t = (z + 0.5) / dims[2];
         int value = base + static_cast<int>((state >> 16) % 60U);
-        value += std::hypot(u - 0.3, w - 0.6, t - 0.5) < 0.2 ? 1100 : 0;                         // a ball
-        value += std::hypot(u - 0.5 - 0.3 * t, w - 0.4 + 0.2 * t) < 0.06 ? 1900 : 0;             // an oblique rod
-        value += (x < 2 && y < 3) || (z == dims[2] - 1 && x > dims[0] - 4) || y == dims[1] - 1 ? 700 : 0;  // on the faces
+        value += std::hypot(u - 0.3, w - 0.6, t - 0.5) < 0.2 ? 1100 : 0;              // a ball
+        value += std::hypot(u - 0.5 - 0.3 * t, w - 0.4 + 0.2 * t) < 0.06 ? 1900 : 0;  // an oblique rod
+        value +=
+            (x < 2 && y < 3) || (z == dims[2] - 1 && x > dims[0] - 4) || y == dims[1] - 1 ? 700 : 0;  // on the faces
         return value;
     });
     return v;
@@ -139,9 +143,13 @@ Request::Request(const Volume& source, int width, int height) : volume(source.to
     projector.Reset(&p, 1);
 }
 
-Request::~Request() { IP_MIPProjector::FreePictures(&p, &a, &b); }
+Request::~Request() {
+    IP_MIPProjector::FreePictures(&p, &a, &b);
+}
 
-void Request::set_view(const View& view) { view.to_matrix(p.m_ViewMatrix); }
+void Request::set_view(const View& view) {
+    view.to_matrix(p.m_ViewMatrix);
+}
 
 void Request::clip(const Planes& planes) {
     clip_manager.FreeAllClipPlane(CLIP_ALL);
@@ -158,7 +166,8 @@ void Request::draw(bool linear, int threshold) {
 }
 
 std::vector<short> Request::sheared(IP_VolRBoxParamsMIP& box) {
-    const std::size_t count = static_cast<std::size_t>(box.m_PictureWidth) * static_cast<std::size_t>(box.m_PictureHeight);
+    const std::size_t count =
+        static_cast<std::size_t>(box.m_PictureWidth) * static_cast<std::size_t>(box.m_PictureHeight);
     if (count == 0 || box.m_Picture.Map() != 0) {
         return {};
     }

@@ -76,11 +76,11 @@ public:
 
 enum class Sampling { Nearest, Linear };
 
-// What the sheared picture of a box must hold at pixel (column, row): the maximum over the sheets of `volume` along `axis`
-// where the viewing ray through that pixel crosses them; `nothing` when it crosses none. Voxels outside the planes do not
-// exist. Only the place of the first sheet is taken from the box.
-double sheared_pixel(const Volume& volume, const IP_VolRBoxParamsMIP& box, const View& view, int axis, int column, int row,
-                     Sampling sampling, const Planes& planes, double nothing);
+// What the sheared picture of a box must hold at pixel (column, row): the maximum over the sheets of `volume` along
+// `axis` where the viewing ray through that pixel crosses them; `nothing` when it crosses none. Voxels outside the
+// planes do not exist. Only the place of the first sheet is taken from the box.
+double sheared_pixel(const Volume& volume, const IP_VolRBoxParamsMIP& box, const View& view, int axis, int column,
+                     int row, Sampling sampling, const Planes& planes, double nothing);
 
 // The volume's axis closest to the viewing direction.
 int principal_axis(const View& view);
