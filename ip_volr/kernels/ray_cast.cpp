@@ -206,6 +206,36 @@ void settle_ray(const RayCastFrame& frame, const RayCastBrick& brick, const std:
     append(ray, result.moved[neighbour]);
 }
 
+// Walks a list of rays. Where the next ray lies is known only when this one has arrived from memory, so the walk asks
+// for what is likely to follow: lists run along the rows of the ray pool, and the same place in the next row is as far
+// away as the last two rows were from each other.
+class ListWalk {
+public:
+    explicit ListWalk(_listRay* first) : m_Ray(first), m_RowStart(first) {}
+
+    _listRay* ray() const { return m_Ray; }
+
+    void advance() {
+        _listRay* const next = m_Ray->next;
+        const std::uintptr_t stride = address(next) - address(m_Ray);
+        if (stride + kNear > 2 * kNear) {
+            m_ToNextRow = address(next) - address(m_RowStart);
+            m_RowStart = next;
+        }
+        m_Ray = next;
+        __builtin_prefetch(reinterpret_cast<const void*>(address(next) + m_ToNextRow));
+    }
+
+private:
+    // Addresses as numbers: the rays may lie in different pages of the pool, and differences wrap around.
+    static std::uintptr_t address(const _listRay* ray) { return reinterpret_cast<std::uintptr_t>(ray); }
+
+    static constexpr std::uintptr_t kNear = 4 * sizeof(_listRay);
+    _listRay* m_Ray;
+    _listRay* m_RowStart;
+    std::uintptr_t m_ToNextRow = 0;
+};
+
 }  // namespace
 
 void process_brick(const RayCastFrame& frame, const RayCastBrick& brick, void* work_block, _listRay* rays,
@@ -229,9 +259,9 @@ void process_brick(const RayCastFrame& frame, const RayCastBrick& brick, void* w
 
     // Cast the rays, a batch at a time.
     const RayCastKernels& kernels = ray_cast_kernels();
-    while (rays != nullptr) {
-        for (job.num_rays = 0; rays != nullptr && job.num_rays < kMaxBatch; rays = rays->next) {
-            work.rays[job.num_rays++] = rays;
+    for (ListWalk walk(rays); walk.ray() != nullptr;) {
+        for (job.num_rays = 0; walk.ray() != nullptr && job.num_rays < kMaxBatch; walk.advance()) {
+            work.rays[job.num_rays++] = walk.ray();
         }
         kernels.cast(job);
         for (int i = 0; i < job.num_rays; i++) {

@@ -58,7 +58,7 @@ struct RayCastJob {
     float light[3];
     float half_vector[3];
     // For leaps: steps per unit of distance along x, y, z and the ray, a shade too small so that no product with a
-    // distance below 2^31 rounds up past the true quotient; and the bits that mirror a coordinate that decreases.
+    // distance rounds up past the true quotient; and the bits that mirror a coordinate that decreases.
     float steps_per_unit[4];
     std::int32_t mirror[3];
 };
