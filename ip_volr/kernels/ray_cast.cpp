@@ -104,13 +104,100 @@ void find_leaf_runs(const LeafMask& visible, const std::int32_t (&mirror)[3], st
     std::memcpy(leaf_runs, runs.data(), sizeof runs);
 }
 
-// Rows of voxels that samples in visible leaves and their gradients read: one before the leaf, one after.
-GatherRows find_wanted_rows(const LeafMask& visible) {
+// Walks a list of rays. Where the next ray lies is known only when this one has arrived from memory, so the walk asks
+// for what is likely to follow: lists run along the rows of the ray pool, and the same place in the next row is as far
+// away as the last two rows were from each other.
+class ListWalk {
+public:
+    explicit ListWalk(_listRay* first) : m_Ray(first), m_RowStart(first) {}
+
+    _listRay* ray() const { return m_Ray; }
+
+    void advance() {
+        _listRay* const next = m_Ray->next;
+        const std::uintptr_t stride = address(next) - address(m_Ray);
+        if (stride + kNear > 2 * kNear) {
+            m_ToNextRow = address(next) - address(m_RowStart);
+            m_RowStart = next;
+        }
+        m_Ray = next;
+        __builtin_prefetch(reinterpret_cast<const void*>(address(next) + m_ToNextRow));
+    }
+
+private:
+    // Addresses as numbers: the rays may lie in different pages of the pool, and differences wrap around.
+    static std::uintptr_t address(const _listRay* ray) { return reinterpret_cast<std::uintptr_t>(ray); }
+
+    static constexpr std::uintptr_t kNear = 4 * sizeof(_listRay);
+    _listRay* m_Ray;
+    _listRay* m_RowStart;
+    std::uintptr_t m_ToNextRow = 0;
+};
+
+// Leaves that an axis' range of positions lies in, as bits.
+std::uint64_t leaf_range(std::int64_t lowest, std::int64_t highest) {
+    const std::int64_t last = kLeavesPerEdge - 1;
+    const std::int64_t from = std::clamp<std::int64_t>(lowest >> kLeafPositionBits, 0, last);
+    const std::int64_t to = std::clamp<std::int64_t>(highest >> kLeafPositionBits, 0, last);
+    return (std::uint64_t{2} << to) - (std::uint64_t{1} << from);
+}
+
+// Keeps the leaves inside a box around the rays' ways through the brick: a short list is a strip of a brick's rays, or
+// cuts only a corner. A long one is taken to reach everything. All rays take the direction of the frame.
+LeafMask find_reached_leaves(const RayCastFrame& frame, const RayCastBrick& brick, _listRay* rays,
+                             const LeafMask& visible) {
+    // Where the rays start.
+    std::int64_t lowest[3], highest[3];
+    std::fill_n(lowest, 3, std::int64_t{1} << kBrickPositionBits);
+    std::fill_n(highest, 3, 0);
+    int num_rays = 0;
+    for (ListWalk walk(rays); walk.ray() != nullptr; walk.advance()) {
+        if (++num_rays > kMaxBatch) {
+            return visible;
+        }
+        for (int axis = 0; axis < 3; axis++) {
+            const std::int64_t local =
+                std::int64_t{walk.ray()->position[axis]} - (std::int64_t{brick.origin[axis]} << 16);
+            lowest[axis] = std::min(lowest[axis], local);
+            highest[axis] = std::max(highest[axis], local);
+        }
+    }
+
+    // How many steps they stay at most, and how far these go.
+    std::int64_t num_steps = std::int64_t{1} << kBrickPositionBits;
+    for (int axis = 0; axis < 3; axis++) {
+        const std::int64_t increment = frame.increment[axis];
+        if (increment != 0) {
+            const std::int64_t way = increment > 0 ? (1 << kBrickPositionBits) - lowest[axis] : highest[axis];
+            num_steps = std::min(num_steps, way / std::abs(increment) + 1);
+        }
+    }
+    std::uint64_t ranges[3];
+    for (int axis = 0; axis < 3; axis++) {
+        const std::int64_t way = num_steps * frame.increment[axis];
+        ranges[axis] =
+            leaf_range(lowest[axis] + std::min<std::int64_t>(way, 0), highest[axis] + std::max<std::int64_t>(way, 0));
+    }
+
+    // The box.
+    std::uint64_t plane = 0;
+    for (std::size_t y = 0; y < kLeaves; y++) {
+        plane |= (ranges[1] >> y & 1) * ranges[0] << (8 * y);
+    }
+    LeafMask reached;
+    for (std::size_t z = 0; z < kLeaves; z++) {
+        reached[z] = (ranges[2] >> z & 1) != 0 ? visible[z] & plane : 0;
+    }
+    return reached;
+}
+
+// Rows of voxels that samples in these leaves and their gradients read: one before the leaf, one after.
+GatherRows find_wanted_rows(const LeafMask& reached) {
     GatherRows wanted{};
     for (std::size_t leaf_z = 0; leaf_z < kLeaves; leaf_z++) {
         std::uint64_t rows = 0;
         for (std::size_t leaf_y = 0; leaf_y < kLeaves; leaf_y++) {
-            if ((visible[leaf_z] >> (8 * leaf_y) & 0xff) != 0) {
+            if ((reached[leaf_z] >> (8 * leaf_y) & 0xff) != 0) {
                 // Rows of pairs 4y - 1 to 4y + 4, counted from -1.
                 rows |= std::uint64_t{0x3f} << (4 * leaf_y);
             }
@@ -123,14 +210,14 @@ GatherRows find_wanted_rows(const LeafMask& visible) {
     return wanted;
 }
 
-void gather_voxels(const RayCastFrame& frame, const RayCastBrick& brick, const LeafMask& visible,
+void gather_voxels(const RayCastFrame& frame, const RayCastBrick& brick, const LeafMask& reached,
                    RayCastWorkspace& work) {
     const GatherSource source = {{frame.dims[0], frame.dims[1], frame.dims[2]},
                                  {brick.origin[0], brick.origin[1], brick.origin[2]},
                                  frame.slices,
                                  frame.missing_value,
                                  static_cast<std::uint16_t>(frame.is_signed ? 0 : 0x8000)};
-    gather_brick(source, find_wanted_rows(visible), work.pairs);
+    gather_brick(source, find_wanted_rows(reached), work.pairs);
 }
 
 // The Blinn-Phong half vector of light and view; zero when they cancel.
@@ -206,36 +293,6 @@ void settle_ray(const RayCastFrame& frame, const RayCastBrick& brick, const std:
     append(ray, result.moved[neighbour]);
 }
 
-// Walks a list of rays. Where the next ray lies is known only when this one has arrived from memory, so the walk asks
-// for what is likely to follow: lists run along the rows of the ray pool, and the same place in the next row is as far
-// away as the last two rows were from each other.
-class ListWalk {
-public:
-    explicit ListWalk(_listRay* first) : m_Ray(first), m_RowStart(first) {}
-
-    _listRay* ray() const { return m_Ray; }
-
-    void advance() {
-        _listRay* const next = m_Ray->next;
-        const std::uintptr_t stride = address(next) - address(m_Ray);
-        if (stride + kNear > 2 * kNear) {
-            m_ToNextRow = address(next) - address(m_RowStart);
-            m_RowStart = next;
-        }
-        m_Ray = next;
-        __builtin_prefetch(reinterpret_cast<const void*>(address(next) + m_ToNextRow));
-    }
-
-private:
-    // Addresses as numbers: the rays may lie in different pages of the pool, and differences wrap around.
-    static std::uintptr_t address(const _listRay* ray) { return reinterpret_cast<std::uintptr_t>(ray); }
-
-    static constexpr std::uintptr_t kNear = 4 * sizeof(_listRay);
-    _listRay* m_Ray;
-    _listRay* m_RowStart;
-    std::uintptr_t m_ToNextRow = 0;
-};
-
 }  // namespace
 
 void process_brick(const RayCastFrame& frame, const RayCastBrick& brick, void* work_block, _listRay* rays,
@@ -250,8 +307,9 @@ void process_brick(const RayCastFrame& frame, const RayCastBrick& brick, void* w
     RayCastJob job = make_job(frame, brick, work);
     const LeafMask visible = find_visible_leaves(brick.invisible_cache);
     find_leaf_runs(visible, job.mirror, work.leaf_runs);
-    if (!is_empty(visible)) {
-        gather_voxels(frame, brick, visible, work);
+    const LeafMask reached = is_empty(visible) ? visible : find_reached_leaves(frame, brick, rays, visible);
+    if (!is_empty(reached)) {
+        gather_voxels(frame, brick, reached, work);
         if (job.has_tissues) {
             gather_tissues(frame.dims, brick.origin, frame.tissue_slices, kNoTissue, work.tissues);
         }
