@@ -1,0 +1,268 @@
+// The same picture on every machine; refused memory, cancellation and odd requests.
+#include "host/reference/settings.h"
+#include "ip_volr/kernels/instruction_set.h"
+#include "tests/mip/model.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <mutex>
+
+using namespace mip_model;
+
+namespace {
+
+const std::vector<View> kViews = {{0, 0, 0}, {30, 20, 0}, {60, 10, 5}, {90, 0, 0}, {10, 75, 0}, {45, -30, 0}};
+
+Planes some_planes() {
+    return {{0.3F, -0.8F, 0.52F, 12.1F}, {0.0F, 0.2F, -1.0F, -1.4F}};
+}
+
+std::vector<std::vector<short>> all_pictures(const Volume& v) {
+    std::vector<std::vector<short>> pictures;
+    Request r(v);
+    for (const View& view : kViews) {
+        for (int variant = 0; variant < 8; variant++) {
+            r.set_view(view);
+            r.p.m_DepthCueing = (variant & 2) != 0 ? 1 : 0;
+            r.p.m_DepthCueFloor = 0.4F;
+            r.clip((variant & 4) != 0 ? some_planes() : Planes{});
+            r.draw((variant & 1) != 0);
+            EXPECT_TRUE(r.projector.IsComplete());
+            pictures.push_back(r.output);
+        }
+    }
+    return pictures;
+}
+
+void expect_nothing_mapped(const std::string& when) {
+    EXPECT_EQ(reference_host::GetPagerStatistics().mapped_blocks, 0) << when;
+}
+
+}  // namespace
+
+TEST(MipRobustness, SamePictureForAnyNumberOfServersAndInstructionSet) {
+    const Volume v = phantom({38, 33, 27}, {0.9, 0.8, 1.0});
+    reference_host::SetNumberOfServers(2);
+    const auto expected = all_pictures(v);
+    for (const int servers : {1, 3, 8, 16}) {
+        reference_host::SetNumberOfServers(servers);
+        EXPECT_TRUE(all_pictures(v) == expected) << servers << " servers";
+    }
+    reference_host::SetNumberOfServers(2);
+    using ip_volr::kernels::InstructionSet;
+    for (const InstructionSet set : {InstructionSet::Scalar, InstructionSet::Sse41}) {
+        const ip_volr::kernels::ScopedInstructionSet scope(set);
+        EXPECT_TRUE(all_pictures(v) == expected) << ip_volr::kernels::instruction_set_name(set);
+    }
+    reference_host::SetNumberOfServers(0);
+}
+
+TEST(MipRobustness, RefusedMemoryLeavesNothingMappedAndTheNextFrameIsRight) {
+    const auto blocks_before = reference_host::GetPagerStatistics().blocks;
+    const Volume v = phantom({24, 22, 12}, {1.0, 1.0, 1.0});
+    for (const bool linear : {false, true}) {
+        for (const View& view : kViews) {
+            Request reference(v);
+            reference.set_view(view);
+            reference.draw(linear);
+            for (const bool allocations : {true, false}) {
+                bool refused = true;
+                for (int k = 1; refused && k < 500; k++) {
+                    Request r(v);
+                    r.set_view(view);
+                    reference_host::PagerFaults faults;
+                    (allocations ? faults.refuse_allocation : faults.refuse_map) = k;
+                    reference_host::SetPagerFaults(faults);
+                    r.draw(linear);
+                    const bool was_complete = r.projector.IsComplete();
+                    const bool was_right = r.output == reference.output;
+                    reference_host::SetPagerFaults({});
+                    EXPECT_TRUE(was_right || !was_complete) << "a wrong picture must say so: " << linear << ' ' << k;
+                    expect_nothing_mapped("refusal " + std::to_string(k));
+                    r.draw(linear);
+                    EXPECT_EQ(r.output, reference.output) << linear << ' ' << view.azimuth << " refusal " << k;
+                    // Past the last allocation or mapping of a frame nothing is refused any more.
+                    refused = k < (allocations ? 32 : 16);
+                }
+            }
+        }
+    }
+    EXPECT_EQ(reference_host::GetPagerStatistics().blocks, blocks_before) << "something was not freed";
+}
+
+TEST(MipRobustness, CancellationAtEveryPointIsCleanAndLogged) {
+    const Volume v = phantom({20, 18, 12}, {1.0, 1.0, 1.0});
+    std::string log;
+    std::mutex mutex;
+    reference_host::SetLogLevel(6);
+    reference_host::LogToCallback([&](const reference_host::LogLine& line) {
+        const std::lock_guard<std::mutex> lock(mutex);
+        log += line.text;
+    });
+    for (const bool linear : {false, true}) {
+        for (const View& view : {kViews[0], kViews[1], kViews[3]}) {
+            Request r(v);
+            r.set_view(view);
+            r.draw(linear);
+            const std::vector<short> expected = r.output;
+            reference_host::CancellationToken token;
+            const reference_host::CancellationScope scope(token);
+            bool was_cancelled = true;
+            for (int k = 1; was_cancelled && k < 2000; k += 1 + k / 8) {
+                log.clear();
+                r.set_view({view.azimuth + 35.0 * (k % 2), 0.0, 0.0});  // so that slices must be transposed, too
+                token.CancelAtPoint(k);
+                r.draw(linear);
+                was_cancelled = token.IsCancelled();
+                EXPECT_EQ(r.projector.IsComplete(), !was_cancelled);
+                if (was_cancelled && linear) {
+                    EXPECT_TRUE(log.find("LinProjectXYSlices: Cancelled\n") != std::string::npos ||
+                                log.find("LinProjectXZSlices: Cancelled\n") != std::string::npos);
+                }
+                token.CancelAtPoint(0);
+                token.Reset();
+                expect_nothing_mapped("cancelled at " + std::to_string(k));
+                r.set_view(view);
+                r.draw(linear);
+                EXPECT_EQ(r.output, expected) << k;
+            }
+            EXPECT_FALSE(was_cancelled);
+        }
+    }
+    reference_host::LogToCallback({});
+    reference_host::SetLogLevel(0);
+}
+
+TEST(MipRobustness, FailuresOfTheLinearPathAreLogged) {
+    const Volume v = phantom({20, 18, 12}, {1.0, 1.0, 1.0});
+    std::string log;
+    reference_host::SetLogLevel(7);
+    reference_host::LogToCallback([&](const reference_host::LogLine& line) { log += line.text; });
+    for (const double azimuth : {0.0, 90.0}) {
+        Request r(v);
+        r.set_view({azimuth, 0.0, 0.0});
+        EXPECT_TRUE((r.draw(true), r.projector.IsComplete()));
+        EXPECT_NE(log.find("tpict_alloc new "), std::string::npos);
+        log.clear();
+        reference_host::PagerFaults faults;
+        faults.refuse_mapped_above = 3000000;  // a picture takes two megabytes
+        reference_host::SetPagerFaults(faults);
+        r.draw(true);
+        reference_host::SetPagerFaults({});
+        EXPECT_TRUE(r.projector.IsComplete()) << "one picture and a few slices at once";
+        EXPECT_EQ(log.find("tpict_alloc"), std::string::npos) << "pictures stay";
+        faults = {};
+        faults.refuse_map = azimuth == 0.0 ? 2 : 2 + 12;  // the picture, then the pool's blocks, then the slices
+        reference_host::SetPagerFaults(faults);
+        r.draw(true);
+        reference_host::SetPagerFaults({});
+        EXPECT_FALSE(r.projector.IsComplete());
+        EXPECT_NE(log.find(azimuth == 0.0 ? "LinProjectXYSlices: Memory mapping failure!\n"
+                                          : "LinProjectXZSlices: Memory mapping failure!\n"),
+                  std::string::npos);
+    }
+    reference_host::LogToCallback({});
+    reference_host::SetLogLevel(0);
+}
+
+TEST(MipRobustness, OddRequestsHaveDefinedResults) {
+    const Volume v = phantom({21, 18, 12}, {1.0, 1.0, 1.0});
+    Request r(v);
+
+    // No such volume: nothing is done.
+    const std::vector<short> untouched = r.output;
+    for (const int k : {-1, 1, 1000}) {
+        r.projector.Project(&r.p, &r.a, &r.b, k == 1 ? 1 : 0, k, 0);
+        EXPECT_EQ(r.a.m_Picture.Block(), -1);
+    }
+    r.projector.Project(nullptr, &r.a, &r.b, 0, 0, 0);
+    r.projector.Project(&r.p, nullptr, nullptr, 0, 0, 0);
+    EXPECT_EQ(r.output, untouched);
+
+    // A box without a picture overwrites with the floor and adds nothing by maximum.
+    r.projector.Shear(&r.p, &r.b, 5);
+    EXPECT_EQ(r.output, untouched);
+    r.projector.Shear(&r.p, &r.a, 5);
+    EXPECT_EQ(r.output, std::vector<short>(r.output.size(), 5));
+
+    // Views and zooms that are no numbers, or show nothing.
+    for (const bool linear : {false, true}) {
+        for (const float zoom : {0.0F, NAN, INFINITY, 1e-30F, 1e30F}) {
+            r.p.m_Zoom = zoom;
+            r.draw(linear, 7);
+            EXPECT_GE(*std::min_element(r.output.begin(), r.output.end()), 7) << zoom;
+        }
+        r.p.m_Zoom = 1.0F;
+        for (const float entry : {NAN, 0.0F, INFINITY, 1e-20F}) {
+            r.set_view({});
+            r.p.m_ViewMatrix[2][2] = entry;
+            r.p.m_ViewMatrix[0][0] = entry;
+            r.draw(linear, 7);
+            EXPECT_GE(*std::min_element(r.output.begin(), r.output.end()), 7) << entry;
+        }
+        r.set_view({});
+
+        // No output, or one without pixels.
+        for (const std::array<int, 2> size : {std::array<int, 2>{0, 80}, {96, 0}, {-3, 5}, {0, 0}}) {
+            r.p.m_Width = size[0];
+            r.p.m_Height = size[1];
+            r.projector.Reset(&r.p, 1);
+            r.draw(linear);
+        }
+        r.p.m_Width = 96;
+        r.p.m_Height = 80;
+        r.p.m_OutputImage = nullptr;
+        r.projector.Reset(&r.p, 1);
+        r.draw(linear);
+        r.p.m_OutputImage = r.output.data();
+    }
+
+    // Slices without memory are left out; prepared copies keep what they have.
+    std::vector<short> whole[2];
+    for (const bool linear : {false, true}) {
+        r.draw(linear, -2000);
+        whole[linear ? 1 : 0] = r.output;
+    }
+    delete r.volume->GetSlice(4);
+    r.volume->SetSlice(nullptr, 4);
+    r.volume->GetSlice(11)->SetData(nullptr, true);
+    for (const bool linear : {false, true}) {
+        r.draw(linear, -2000);
+        EXPECT_TRUE(r.projector.IsComplete());
+        EXPECT_EQ(r.output == whole[linear ? 1 : 0], !linear);
+    }
+
+    // Prepared data without volumes, and none at all.
+    r.p.m_AltVolData = std::make_shared<IP_MultiVolDataIncMIP>();
+    r.draw(false, 3);
+    EXPECT_EQ(r.output, std::vector<short>(r.output.size(), 3));
+    r.p.m_AltVolData = nullptr;
+    r.draw(false, 4);
+    EXPECT_EQ(r.output, std::vector<short>(r.output.size(), 4));
+    r.p.m_VolData = std::make_shared<IP_MultiVolData>();
+    r.draw(true, 4);
+    EXPECT_EQ(r.output, std::vector<short>(r.output.size(), 4));
+    expect_nothing_mapped("the end");
+}
+
+TEST(MipRobustness, PicturesAreSizedAsHostsExpect) {
+    const Volume v = phantom({256, 64, 8}, {1.0, 1.0, 1.0});
+    Request r(v);
+    r.set_view({});
+    r.draw(true, 100);
+    EXPECT_EQ(r.a.m_PictureWidth, 272);
+    EXPECT_EQ(r.a.m_PictureHeight, 69);
+    EXPECT_EQ(r.a.m_OriginX, 13.5F);
+    EXPECT_EQ(r.a.m_OriginY, 2.5F);
+    EXPECT_EQ(r.a.m_PictureCapacity, 272 * 69);
+    EXPECT_EQ(r.p.m_PicturesSize, 272 * 69);
+    EXPECT_EQ(r.p.m_Pictures[0].Block(), r.a.m_Picture.Block());
+    EXPECT_NE(r.p.m_Pictures[7].Block(), -1);
+    EXPECT_EQ(r.sheared(r.a)[0], 90) << "background: ten below the threshold";
+    r.draw(true, -32768);
+    EXPECT_EQ(r.sheared(r.a)[0], -32768);
+    EXPECT_EQ(r.a.m_IsSigned, 1);
+    EXPECT_EQ(r.a.m_BitsStored, 13);
+}
