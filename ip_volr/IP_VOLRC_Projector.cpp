@@ -129,6 +129,9 @@ void IP_VOLRC_Projector::UpdateLuminosity(int protocol) {
         return;
     }
     m_BrickStructure->UpdateLuminosity(protocol, false);
+    if (m_Cast != nullptr) {
+        m_Cast->empty_space_stale = true;
+    }
     InvalidateOcclusions();
 }
 

@@ -211,6 +211,8 @@ private:
     struct PixelBrick {
         unsigned short x, y, z;  // 65535 for none
         unsigned short unused;
+
+        bool operator==(const PixelBrick& o) const { return x == o.x && y == o.y && z == o.z; }
     };
     // Depth of a plane over the raster: depth(x, y) = at_origin - y * per_row - x * per_column.
     struct PlaneDepth {

@@ -66,6 +66,9 @@ bool IP_VOLRC_Projector::ProjectFrame() {
     if (!EnsureBrickStructure()) {
         return false;
     }
+    if (m_Cast == nullptr || m_Cast.use_count() > 1) {
+        m_Cast = std::make_shared<IP_VOLRC_RayCastScratch>();
+    }
     ApplyParameterSet(IsFinal() ? m_Final : m_Interactive);
     ScaleR2PToRenderSize();
     const long long start_ticks = ip_volr::now_ticks();
@@ -172,6 +175,7 @@ bool IP_VOLRC_Projector::ApplyNewSlices() {
         return false;
     }
     m_BrickStructure->EvaluateLuminosities();
+    m_Cast->empty_space_stale = true;
     InvalidateOcclusions();
     return true;
 }

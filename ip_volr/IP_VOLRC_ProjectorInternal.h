@@ -1,6 +1,7 @@
 // What the source files of the ray-casting projector share.
 #pragma once
 
+#include "ip_volr/IP_VOLRC_EmptySpace.h"
 #include "ip_volr/IP_VOLR_Trace.h"
 #include "ip_volr/kernels/ray_cast.h"
 
@@ -10,10 +11,19 @@
 // Source path of the projector's log lines.
 #define IP_VOLRC_PROJECTOR_SOURCE "ip_volr/IP_VOLRC_Projector"
 
+// Rays on their way to one brick.
+struct IP_VOLRC_RayDelivery {
+    unsigned short x, y, z;  // the brick
+    ip_volr::kernels::RayList rays;
+};
+
 // Working values of the ray-casting pass.
 struct IP_VOLRC_RayCastScratch {
     ip_volr::kernels::RayCastFrame frame = {};
-    std::vector<ip_volr::kernels::RayCastResult> results;  // per entry of the brick list
+    IP_VOLRC_EmptySpace empty_space;
+    bool empty_space_stale = true;  // the bricks' luminosity has changed
+    // Per entry of the brick list: what left it, for which bricks. Kept between waves for their memory.
+    std::vector<std::vector<IP_VOLRC_RayDelivery>> deliveries;
 };
 
 namespace ip_volr {

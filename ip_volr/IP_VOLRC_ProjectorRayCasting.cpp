@@ -28,6 +28,28 @@ constexpr float kUnbalanced = 5.0F;
 constexpr float kHeavyPart = 20.0F;
 constexpr float kOpaqueCellWeight = 0.01F;
 
+// Adds a ray to the delivery for the brick that it is in: one of the latest, else a new one.
+void deliver(_listRay* ray, std::vector<IP_VOLRC_RayDelivery>& deliveries) {
+    constexpr int kShift = ip_volr::kBrickShiftFixed;
+    constexpr std::size_t kLatest = 8;
+    const auto x = static_cast<unsigned short>(ray->position[0] >> kShift);
+    const auto y = static_cast<unsigned short>(ray->position[1] >> kShift);
+    const auto z = static_cast<unsigned short>(ray->position[2] >> kShift);
+    const std::size_t count = deliveries.size();
+    for (std::size_t i = count; i > 0 && i + kLatest > count; i--) {
+        IP_VOLRC_RayDelivery& delivery = deliveries[i - 1];
+        if (delivery.x == x && delivery.y == y && delivery.z == z) {
+            ray->next = nullptr;
+            delivery.rays.tail->next = ray;
+            delivery.rays.tail = ray;
+            delivery.rays.count++;
+            return;
+        }
+    }
+    ray->next = nullptr;
+    deliveries.push_back({x, y, z, {ray, ray, 1}});
+}
+
 int shading_weight(double weight, int greatest) {
     return affine::truncate_clamped(weight * 65535.0 + 0.5, 0, greatest);
 }
@@ -38,9 +60,6 @@ int shading_weight(double weight, int greatest) {
 
 // Values of the frame that all bricks share. A view for which no ray moves makes the frame empty.
 void IP_VOLRC_Projector::PrepareRayCasting() {
-    if (m_Cast == nullptr || m_Cast.use_count() > 1) {
-        m_Cast = std::make_shared<IP_VOLRC_RayCastScratch>();
-    }
     kernels::RayCastFrame& frame = m_Cast->frame;
 
     // The step's length in mm back to voxels, and its parts along the axes.
@@ -58,6 +77,13 @@ void IP_VOLRC_Projector::PrepareRayCasting() {
     m_FrameIsEmpty = !(m_StepFixed > 0 && moves && affine::is_finite(m_ViewIndex) && affine::is_finite(m_FrameR2P));
     std::copy(m_Increments, m_Increments + 3, frame.increment);
     frame.step = m_StepFixed;
+    if (m_Cast->empty_space_stale) {
+        m_Cast->empty_space.find_empty_bricks(*m_BrickStructure);
+        m_Cast->empty_space_stale = false;
+    }
+    if (!m_FrameIsEmpty) {
+        m_Cast->empty_space.prepare(m_Increments, m_StepFixed);
+    }
 
     // Volume.
     m_Box.GetDims(frame.dims);
@@ -235,7 +261,9 @@ void IP_VOLRC_Projector::SplitRayList(std::size_t entry) {
 }
 
 void IP_VOLRC_Projector::CastWave() {
-    m_Cast->results.resize(m_BrickList.size());
+    if (m_Cast->deliveries.size() < m_BrickList.size()) {
+        m_Cast->deliveries.resize(m_BrickList.size());
+    }
     if (m_BrickList.size() == 1 || m_TaskCount == 1) {
         for (std::size_t i = 0; i < m_BrickList.size(); i++) {
             ProcessBrick(i, 0);
@@ -266,12 +294,39 @@ void IP_VOLRC_Projector::ProcessBrick(std::size_t item, int server) {
         const bool* const found = std::find(active, active + kNumTissues, true);
         brick.only_tissue = data->GetNumTissues() == 1 ? static_cast<int>(found - active) : -1;
     }
+    kernels::RayCastResult result;
     kernels::process_brick(m_Cast->frame, brick, m_Resources[static_cast<std::size_t>(server)].block,
-                           data->GetRayListHeader(entry.list), m_Cast->results[item]);
+                           data->GetRayListHeader(entry.list), result);
+
+    // Rays that came to an empty brick go on to the first that is not.
+    std::vector<IP_VOLRC_RayDelivery>& deliveries = m_Cast->deliveries[item];
+    int dims[3];
+    m_BrickStructure->GetDims(dims);
+    for (int k = 0; k < kernels::kNumNeighbours; k++) {
+        const kernels::RayList& moved = result.moved[k];
+        const int to[3] = {at.x + k % 3 - 1, at.y + k / 3 % 3 - 1, at.z + k / 9 - 1};
+        const bool exists =
+            to[0] >= 0 && to[1] >= 0 && to[2] >= 0 && to[0] < dims[0] && to[1] < dims[1] && to[2] < dims[2];
+        if (moved.head == nullptr || !exists) {
+            continue;
+        }
+        if (!m_Cast->empty_space.is_empty(to[0], to[1], to[2])) {
+            deliveries.push_back({static_cast<unsigned short>(to[0]), static_cast<unsigned short>(to[1]),
+                                  static_cast<unsigned short>(to[2]), moved});
+            continue;
+        }
+        for (_listRay* ray = moved.head; ray != nullptr;) {
+            _listRay* const next = ray->next;
+            if (m_Cast->empty_space.leap(*ray)) {
+                deliver(ray, deliveries);
+            }
+            ray = next;
+        }
+    }
 }
 
-// Moves the rays that left each brick in front of the lists of its neighbours. The order of the rays in a list never
-// shows: each ray's way and colour are its own.
+// Moves the rays that left each brick in front of the lists of the bricks that they came to. The order of the rays in a
+// list never shows: each ray's way and colour are its own.
 void IP_VOLRC_Projector::HandOverRays() {
     int num_bricks = 0;
     const _int_coord* const wave = CurrentWave(num_bricks);
@@ -281,18 +336,12 @@ void IP_VOLRC_Projector::HandOverRays() {
         IP_VOLRC_BrickData* const brick = m_BrickStructure->GetBrick(at.x, at.y, at.z);
         brick->SetRayListHeader(entry.list, nullptr);
         brick->DecrementNumRays(brick->GetNumRays());
-        for (int k = 0; k < kernels::kNumNeighbours; k++) {
-            const kernels::RayList& moved = m_Cast->results[item].moved[k];
-            if (moved.head == nullptr) {
-                continue;
-            }
-            IP_VOLRC_BrickData* const neighbour =
-                m_BrickStructure->GetBrick(at.x + k % 3 - 1, at.y + k / 3 % 3 - 1, at.z + k / 9 - 1);
-            if (neighbour != nullptr && neighbour != brick) {
-                moved.tail->next = neighbour->GetRayListHeader(0);
-                neighbour->SetRayListHeader(0, moved.head);
-                neighbour->IncrementNumRays(moved.count);
-            }
+        for (const IP_VOLRC_RayDelivery& delivery : m_Cast->deliveries[item]) {
+            IP_VOLRC_BrickData* const target = m_BrickStructure->GetBrick(delivery.x, delivery.y, delivery.z);
+            delivery.rays.tail->next = target->GetRayListHeader(0);
+            target->SetRayListHeader(0, delivery.rays.head);
+            target->IncrementNumRays(delivery.rays.count);
         }
+        m_Cast->deliveries[item].clear();
     }
 }

@@ -52,19 +52,25 @@ void IP_VOLRC_Projector::AttachRays() {
         return;
     }
 
-    // Pixel by pixel, each ray to the front of its entry brick's list.
+    // Pixel by pixel, each ray to the front of its brick's list: whole runs of pixels, which are linked already.
     m_ListsDirty = true;
-    const PixelBrick* pixel = m_PixelBricks;
     for (int y = 0; y < m_RenderHeight; y++) {
-        _listRay* ray = RayRow(y);
-        for (int x = 0; x < m_RenderWidth; x++, pixel++, ray++) {
-            if (pixel->x == kNoBrick) {
-                continue;
+        const PixelBrick* const pixels =
+            m_PixelBricks + static_cast<std::size_t>(y) * static_cast<std::size_t>(m_RenderWidth);
+        _listRay* const rays = RayRow(y);
+        for (int first = 0; first < m_RenderWidth;) {
+            const PixelBrick at = pixels[first];
+            int last = first + 1;
+            while (last < m_RenderWidth && pixels[last] == at) {
+                last++;
             }
-            IP_VOLRC_BrickData* const brick = m_BrickStructure->GetBrick(pixel->x, pixel->y, pixel->z);
-            ray->next = brick->GetRayListHeader(0);
-            brick->SetRayListHeader(0, ray);
-            brick->IncrementNumRays(1);
+            if (at.x != kNoBrick) {
+                IP_VOLRC_BrickData* const brick = m_BrickStructure->GetBrick(at.x, at.y, at.z);
+                rays[first].next = brick->GetRayListHeader(0);
+                brick->SetRayListHeader(0, &rays[last - 1]);
+                brick->IncrementNumRays(last - first);
+            }
+            first = last;
         }
     }
 }
@@ -112,9 +118,13 @@ void IP_VOLRC_Projector::GetBrickCoords() {
             std::copy(position, position + 3, ray.entry);
             ray.step_count = affine::truncate_clamped(along_vox * kFixedOne, -kDepthClamp, kDepthClamp);
             ray.end = affine::truncate_clamped(far_depths[x] * index_per_depth * kFixedOne, -kDepthClamp, kDepthClamp);
-            bricks[x] = {static_cast<unsigned short>(position[0] >> kBrickShiftFixed),
-                         static_cast<unsigned short>(position[1] >> kBrickShiftFixed),
-                         static_cast<unsigned short>(position[2] >> kBrickShiftFixed), 0};
+            // The ray waits in the first brick on its way that shows anything, behind its neighbour in the row.
+            if (m_Cast->empty_space.leap(ray)) {
+                bricks[x] = {static_cast<unsigned short>(ray.position[0] >> kBrickShiftFixed),
+                             static_cast<unsigned short>(ray.position[1] >> kBrickShiftFixed),
+                             static_cast<unsigned short>(ray.position[2] >> kBrickShiftFixed), 0};
+                ray.next = x > 0 && bricks[x] == bricks[x - 1] ? &rays[x - 1] : nullptr;
+            }
         }
     }
 }

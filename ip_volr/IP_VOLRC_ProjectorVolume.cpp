@@ -348,5 +348,6 @@ bool IP_VOLRC_Projector::SetBrickColorTables() {
     const bool opacity_only = (IsFinal() ? m_Final : m_Interactive).opacity_luminosity;
     m_BrickStructure->SetColorTables(colours, &m_StepTransparencies[0][0], m_TableBits, m_ShadingWeights,
                                      opacity_only ? VISIBILITY_BY_OPACITY : VISIBILITY_BY_CONTRIBUTION);
+    m_Cast->empty_space_stale = true;
     return true;
 }
