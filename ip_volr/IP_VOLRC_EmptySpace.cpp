@@ -4,7 +4,7 @@
 #include "ip_volr/IP_VOLRC_ListRay.h"
 
 #include <algorithm>
-#include <cstdint>
+#include <cstdlib>
 
 namespace {
 
@@ -12,17 +12,11 @@ namespace {
 constexpr int kBrickShift = 16 + IP_VOLRC_BrickData::kEdgeLog2;
 constexpr int kLongestRun = 255;
 
-// Steps after which a coordinate has left the cube of `run` bricks that starts at its own brick and extends forward.
-std::uint32_t steps_to_leave(std::uint32_t position, std::int32_t increment, std::uint32_t run) {
-    const std::uint32_t brick = position >> kBrickShift;
-    if (increment > 0) {
-        const std::uint64_t first_outside = static_cast<std::uint64_t>(brick + run) << kBrickShift;
-        const auto distance = static_cast<std::uint32_t>(first_outside - position);
-        return (distance - 1) / static_cast<std::uint32_t>(increment) + 1;
-    }
-    const std::uint32_t last_inside = brick + 1 > run ? (brick + 1 - run) << kBrickShift : 0;
-    return (position - last_inside) / (0U - static_cast<std::uint32_t>(increment)) + 1;
-}
+constexpr std::uint32_t kInBrick = (1U << kBrickShift) - 1;
+// Products with the reciprocals stay below the true quotients although both are rounded.
+constexpr double kShortened = 1.0 - 1.0 / (1LL << 40);
+// More steps than any ray takes.
+constexpr double kForever = 1e12;
 
 }  // namespace
 
@@ -44,6 +38,12 @@ void IP_VOLRC_EmptySpace::find_empty_bricks(const IP_VOLRC_BrickStructure& struc
 void IP_VOLRC_EmptySpace::prepare(const int increment[3], int step) {
     std::copy(increment, increment + 3, m_Increment);
     m_Step = step;
+    m_StepsPerUnit[3] = kShortened / step;
+    for (int axis = 0; axis < 3; axis++) {
+        m_Mirror[axis] = increment[axis] > 0 ? 0 : ~0U;
+        m_StepsPerUnit[axis] = increment[axis] == 0 ? 0.0 : kShortened / std::abs(increment[axis]);
+        m_LeastSteps[axis] = increment[axis] == 0 ? kForever : 0.0;
+    }
     m_Runs.assign(m_Empty.size(), 0);
     const int forward[3] = {increment[0] > 0 ? 1 : -1, increment[1] > 0 ? 1 : -1, increment[2] > 0 ? 1 : -1};
     const auto from_far_end = [&](int axis, int i) { return forward[axis] > 0 ? m_Dims[axis] - 1 - i : i; };
@@ -84,17 +84,19 @@ bool IP_VOLRC_EmptySpace::leap(_listRay& ray) const {
             return true;
         }
 
-        // To the end of the cube or of the ray, whichever comes first.
+        // Steps that stay inside the cube and do not pass the end, and one more. Rounding may make that one too few:
+        // then the ray is still where it may leap on.
         const auto left = static_cast<std::uint32_t>(ray.end) - static_cast<std::uint32_t>(ray.step_count);
-        std::uint32_t steps = left / static_cast<std::uint32_t>(m_Step) + 1;
+        double inside = left * m_StepsPerUnit[3];
         for (int axis = 0; axis < 3; axis++) {
-            if (m_Increment[axis] != 0) {
-                steps = std::min(steps, steps_to_leave(ray.position[axis], m_Increment[axis], run));
-            }
+            const std::uint32_t gone = (ray.position[axis] ^ m_Mirror[axis]) & kInBrick;
+            const std::uint32_t distance = (run << kBrickShift) - 1 - gone;
+            inside = std::min(inside, distance * m_StepsPerUnit[axis] + m_LeastSteps[axis]);
         }
-        for (int axis = 0; axis < 3; axis++) {
-            ray.position[axis] += steps * static_cast<std::uint32_t>(m_Increment[axis]);
-        }
+        const std::uint32_t steps = static_cast<std::uint32_t>(static_cast<std::int64_t>(inside)) + 1;
+        ray.position[0] += steps * static_cast<std::uint32_t>(m_Increment[0]);
+        ray.position[1] += steps * static_cast<std::uint32_t>(m_Increment[1]);
+        ray.position[2] += steps * static_cast<std::uint32_t>(m_Increment[2]);
         ray.step_count += static_cast<int>(steps) * m_Step;
         if (ray.step_count > ray.end) {
             return false;

@@ -1,6 +1,8 @@
 // Leaps of rays over bricks in which nothing is visible.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <vector>
 
 class IP_VOLRC_BrickStructure;
@@ -37,4 +39,7 @@ private:
     std::vector<unsigned char> m_Runs;   // edge, in bricks, of the empty cube that extends forward; 0: not empty
     int m_Increment[3] = {0, 0, 0};
     int m_Step = 1;
+    std::uint32_t m_Mirror[3] = {0, 0, 0};  // all ones where coordinates fall
+    double m_StepsPerUnit[4] = {};          // per axis, and of the step count
+    double m_LeastSteps[3] = {};            // endless where nothing moves
 };

@@ -112,6 +112,7 @@ void IP_VOLRC_Projector::SetDims(const int dims[2]) {
 
 // ---- Tables and lighting
 
+// QUIRK(color-table-flag): a reader expects the flag to mean something; it is ignored. Kept: callers rely on it.
 void IP_VOLRC_Projector::SetColorTable(const unsigned int** colour, const unsigned long long** opacity, int count,
                                        bool /*reserved*/) {
     for (int tissue = 0; tissue < kNumTissues; tissue++) {

@@ -282,7 +282,6 @@ private:
     void RowSpan(int y, int& first, int& last) const;
 
     // Rays and bricks
-    void ResetRays();
     void ResetListHeaders();
     void ResetListHeadersOfLayers();  // subtask
     void AttachRays();

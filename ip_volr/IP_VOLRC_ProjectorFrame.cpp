@@ -17,7 +17,9 @@ constexpr int kFewestVoxels = 5;
 constexpr int kSpinCaller = 10;
 constexpr int kSpinWorkers = 100;
 
-// Distance between render pixels in output pixels: the corner pixels coincide.
+// Distance between render pixels in output pixels.
+// QUIRK(reduced-frame-shift): a reader expects reduced frames to lie on the full ones; rays are aligned at the corner
+// pixels, the enlargement at pixel areas, so edges shift by up to a pixel or two. Kept: callers rely on it.
 double render_scale(int output, int render) {
     return output > 1 && render > 1 ? (output - 1.0) / (render - 1.0) : 1.0;
 }
@@ -33,7 +35,7 @@ bool IP_VOLRC_Projector::Project() {
     IP_VOLR_TRACE(ip_volr::kTraceDetail, IP_VOLRC_PROJECTOR_SOURCE, kFunction, "View Vector: %f, %f, %f\n",
                   m_ViewVector[0], m_ViewVector[1], m_ViewVector[2]);
     TCO_CompoundTaskManager::SetSpinWaitPolicy(kSpinCaller, kSpinWorkers);
-    m_TaskCount = std::max(1, TCO_CompoundTaskManager::GetNumberOfServers());
+    m_TaskCount = m_Parallelize ? std::max(1, TCO_CompoundTaskManager::GetNumberOfServers()) : 1;
     try {
         const bool drawn = ProjectFrame();
         if (!drawn) {
@@ -145,6 +147,8 @@ bool IP_VOLRC_Projector::RebuildForVolume() {
 }
 
 bool IP_VOLRC_Projector::ApplyPendingChanges(bool just_rebuilt) {
+    // QUIRK(slices-of-first-frame): a reader expects slices named for a volume's first frame to be taken in; a new
+    // structure knows the whole volume, or nothing while the maximum loaded layer is 0. Kept: callers rely on it.
     if (!just_rebuilt && !m_PendingSlices.empty() && !ApplyNewSlices()) {
         return false;
     }
@@ -204,6 +208,7 @@ void IP_VOLRC_Projector::FinishFrame(long long start_ticks) {
                   static_cast<long long>(elapsed_ms));
     m_Pending[kParametersChanged] = false;
     m_Valid.fill(true);
+    m_Valid[kRaysValid] = !m_ProjectZBuffer;  // a depth image casts none
 }
 
 // After a failure or a cancellation: nothing stays mapped, and the next frame starts from the pending changes.

@@ -46,7 +46,9 @@ void IP_VOLRC_Projector::ConvertRaysToPartialRaster() {
 
 void IP_VOLRC_Projector::EnlargePicture() {
     const long long start_ticks = ip_volr::now_ticks();
-    // Reads just behind the last pixel find nothing.
+    // QUIRK(fading-border): a reader expects border pixels to be continued; what lies beyond them counts as 0, so the
+    // outermost half pixel fades to opaque black. Kept: callers rely on it. Reads just behind the last pixel find 0,
+    // too.
     const std::size_t num_pixels = row_offset(m_RenderHeight, m_RenderWidth);
     const std::size_t capacity =
         row_offset(m_OutputHeight, m_OutputWidth) + 2 * static_cast<std::size_t>(m_OutputWidth);

@@ -28,6 +28,8 @@ int truncate_size(double size, int greatest) {
     return std::isnan(size) ? greatest : affine::truncate_clamped(size, 0, greatest);
 }
 
+// QUIRK(magnified-quarter): a reader expects a magnified volume to be drawn with every ray; standard quality draws it
+// at down to a quarter of the size and enlarges it. Kept: callers rely on it.
 // Sizes along one axis of standard-quality frames by magnification (raster pixels per voxel).
 struct StandardSizes {
     int final_size;

@@ -61,6 +61,9 @@ int shading_weight(double weight, int greatest) {
 // Values of the frame that all bricks share. A view for which no ray moves makes the frame empty.
 void IP_VOLRC_Projector::PrepareRayCasting() {
     kernels::RayCastFrame& frame = m_Cast->frame;
+    for (std::vector<IP_VOLRC_RayDelivery>& deliveries : m_Cast->deliveries) {
+        deliveries.clear();  // of a frame that was abandoned
+    }
 
     // The step's length in mm back to voxels, and its parts along the axes.
     double unit_mm[3];

@@ -345,6 +345,8 @@ bool IP_VOLRC_Projector::SetBrickColorTables() {
         colours[tissue] = const_cast<unsigned int*>(m_ColorPointers[tissue]);
     }
     m_BrickStructure->SetSigned(m_VolumeSigned);
+    // QUIRK(faint-tissue): a reader expects interactive frames to show what final ones show; by contribution, entries
+    // with an opacity byte below about 41 count as invisible. Kept: callers rely on it.
     const bool opacity_only = (IsFinal() ? m_Final : m_Interactive).opacity_luminosity;
     m_BrickStructure->SetColorTables(colours, &m_StepTransparencies[0][0], m_TableBits, m_ShadingWeights,
                                      opacity_only ? VISIBILITY_BY_OPACITY : VISIBILITY_BY_CONTRIBUTION);

@@ -196,6 +196,8 @@ bool IP_VOLRC_VolumeRenderingRC::Render(unsigned int* buffer, int width, int hei
     return true;
 }
 
+// QUIRK(adjust-in-final-mode): a reader expects the ratio to count for the next interactive frame; in final mode it is
+// dropped. Kept: callers rely on it.
 void IP_VOLRC_VolumeRenderingRC::AdjustRenderingTime(double ratio) {
     IP_VOLRC_Projector* const projector = Projector();
     if (projector != nullptr && projector->GetRenderMode() == RC_RENDERING_INTERACTIVE) {
