@@ -19,6 +19,10 @@ struct _int_coord;
 struct IP_VOLRC_RayCastScratch;
 struct _listRay;
 
+namespace ip_volr::kernels {
+struct RayCastResult;
+}
+
 enum RC_RENDERING_MODE { RC_RENDERING_INTERACTIVE = 0, RC_RENDERING_FINAL = 1 };
 enum RC_VOLR_QUALITY { RC_QUALITY_STANDARD = 0, RC_QUALITY_ENHANCED = 1 };
 enum RC_INTERACTIVE_RENDERING_QUALITY {
@@ -286,16 +290,21 @@ private:
     void ResetListHeadersOfLayers();  // subtask
     void AttachRays();
     void GetBrickCoords();  // subtask: resets and places the rays of a strip
+    bool PlaceRay(int x, int y, const double raster_to_index[4][4], int near_depth, int far_depth, _listRay& ray) const;
     bool BuildBrickList(int first_layer, int last_layer);
     bool IsListBalanced() const;
     void RedistributeRaysToTasks();
     void SplitRayList(std::size_t entry);
     void DoRayCasting();
     void PrepareRayCasting();
+    void PrepareMovement();
+    void PrepareTransferFunction();
+    void PrepareShading();
     void CastLayers(int first_layer, int last_layer);
     void CastWave();
     void ProcessBrickList();  // subtask
     void ProcessBrick(std::size_t item, int server);
+    void DeliverRays(const _int_coord& from, const ip_volr::kernels::RayCastResult& result, std::size_t item);
     void HandOverRays();
     const _int_coord* CurrentWave(int& num_bricks) const;
 

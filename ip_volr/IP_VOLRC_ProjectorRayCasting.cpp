@@ -58,14 +58,25 @@ int shading_weight(double weight, int greatest) {
 
 // ---- Preparation
 
-// Values of the frame that all bricks share. A view for which no ray moves makes the frame empty.
+// Values of the frame that all bricks share.
 void IP_VOLRC_Projector::PrepareRayCasting() {
-    kernels::RayCastFrame& frame = m_Cast->frame;
     for (std::vector<IP_VOLRC_RayDelivery>& deliveries : m_Cast->deliveries) {
         deliveries.clear();  // of a frame that was abandoned
     }
+    kernels::RayCastFrame& frame = m_Cast->frame;
+    m_Box.GetDims(frame.dims);
+    frame.slices = m_DataSlices.data();
+    frame.tissue_slices = m_TissueSlices.empty() ? nullptr : m_TissueSlices.data();
+    frame.is_signed = m_VolumeSigned;
+    PrepareMovement();
+    PrepareTransferFunction();
+    PrepareShading();
+}
 
-    // The step's length in mm back to voxels, and its parts along the axes.
+// The step's length in mm back to voxels, and its parts along the axes. A view for which no ray moves makes the frame
+// empty.
+void IP_VOLRC_Projector::PrepareMovement() {
+    kernels::RayCastFrame& frame = m_Cast->frame;
     double unit_mm[3];
     affine::transform_direction(m_ViewIndex, m_IndexToPhysical, unit_mm);
     const double step_vox = m_StepLength / affine::length(unit_mm);
@@ -87,16 +98,12 @@ void IP_VOLRC_Projector::PrepareRayCasting() {
     if (!m_FrameIsEmpty) {
         m_Cast->empty_space.prepare(m_Increments, m_StepFixed);
     }
+}
 
-    // Volume.
-    m_Box.GetDims(frame.dims);
-    frame.slices = m_DataSlices.data();
-    frame.tissue_slices = m_TissueSlices.empty() ? nullptr : m_TissueSlices.data();
-    frame.is_signed = m_VolumeSigned;
+void IP_VOLRC_Projector::PrepareTransferFunction() {
+    kernels::RayCastFrame& frame = m_Cast->frame;
     const int half_table = m_VolumeSigned ? 1 << (m_TableBits - 1) : 0;
     frame.missing_value = static_cast<std::uint16_t>(-half_table);
-
-    // Transfer function.
     frame.colours = &m_ColorTables[0][0];
     frame.table_offset = half_table;
     frame.table_last = (1 << m_TableBits) - 1;
@@ -109,8 +116,10 @@ void IP_VOLRC_Projector::PrepareRayCasting() {
             table == nullptr ? nullptr : reinterpret_cast<const std::uint64_t*>(table - half_table);
     }
     frame.transparency_threshold = m_TransparencyThreshold;
+}
 
-    // Shading.
+void IP_VOLRC_Projector::PrepareShading() {
+    kernels::RayCastFrame& frame = m_Cast->frame;
     frame.shading = m_ShadingOn;
     frame.fast_gradients = m_FastGradients;
     frame.weight_decides_shading = !IsFinal() && m_InteractiveQuality != RC_INTERACTIVE_LEVEL_0;
@@ -300,14 +309,17 @@ void IP_VOLRC_Projector::ProcessBrick(std::size_t item, int server) {
     kernels::RayCastResult result;
     kernels::process_brick(m_Cast->frame, brick, m_Resources[static_cast<std::size_t>(server)].block,
                            data->GetRayListHeader(entry.list), result);
+    DeliverRays(at, result, item);
+}
 
-    // Rays that came to an empty brick go on to the first that is not.
+// Sorts the rays that left a brick by the brick that they go on to: from an empty one to the first that is not.
+void IP_VOLRC_Projector::DeliverRays(const _int_coord& from, const kernels::RayCastResult& result, std::size_t item) {
     std::vector<IP_VOLRC_RayDelivery>& deliveries = m_Cast->deliveries[item];
     int dims[3];
     m_BrickStructure->GetDims(dims);
     for (int k = 0; k < kernels::kNumNeighbours; k++) {
         const kernels::RayList& moved = result.moved[k];
-        const int to[3] = {at.x + k % 3 - 1, at.y + k / 3 % 3 - 1, at.z + k / 9 - 1};
+        const int to[3] = {from.x + k % 3 - 1, from.y + k / 3 % 3 - 1, from.z + k / 9 - 1};
         const bool exists =
             to[0] >= 0 && to[1] >= 0 && to[2] >= 0 && to[0] < dims[0] && to[1] < dims[1] && to[2] < dims[2];
         if (moved.head == nullptr || !exists) {

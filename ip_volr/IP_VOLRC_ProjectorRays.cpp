@@ -84,7 +84,6 @@ void IP_VOLRC_Projector::GetBrickCoords() {
     for (int j = 0; j < 3; j++) {
         raster_to_index[3][j] += 0.5 * dims[j];
     }
-    const double index_per_depth = m_IndexPerDepth / kFixedOne;
 
     const int rows = RowsPerStrip();
     const long long first = static_cast<long long>(TCO_RunnableSelf().GetSubtaskIndex()) * rows;
@@ -103,23 +102,8 @@ void IP_VOLRC_Projector::GetBrickCoords() {
                 continue;
             }
 
-            // Where the ray enters the visible part of the volume.
-            const double along_vox = near_depths[x] * index_per_depth;
-            unsigned position[3];
-            bool inside = true;
-            for (int j = 0; j < 3; j++) {
-                const double pixel_vox = raster_to_index[3][j] + y * raster_to_index[1][j] + x * raster_to_index[0][j];
-                inside = inside && cell_coordinate(pixel_vox + along_vox * m_ViewIndex[j], dims[j], position[j]);
-            }
-            if (!inside) {
-                continue;
-            }
-            std::copy(position, position + 3, ray.position);
-            std::copy(position, position + 3, ray.entry);
-            ray.step_count = affine::truncate_clamped(along_vox * kFixedOne, -kDepthClamp, kDepthClamp);
-            ray.end = affine::truncate_clamped(far_depths[x] * index_per_depth * kFixedOne, -kDepthClamp, kDepthClamp);
             // The ray waits in the first brick on its way that shows anything, behind its neighbour in the row.
-            if (m_Cast->empty_space.leap(ray)) {
+            if (PlaceRay(x, y, raster_to_index, near_depths[x], far_depths[x], ray) && m_Cast->empty_space.leap(ray)) {
                 bricks[x] = {static_cast<unsigned short>(ray.position[0] >> kBrickShiftFixed),
                              static_cast<unsigned short>(ray.position[1] >> kBrickShiftFixed),
                              static_cast<unsigned short>(ray.position[2] >> kBrickShiftFixed), 0};
@@ -127,6 +111,25 @@ void IP_VOLRC_Projector::GetBrickCoords() {
             }
         }
     }
+}
+
+// Sets a ray to where it enters the visible part of the volume; false when that is no cell of the volume.
+bool IP_VOLRC_Projector::PlaceRay(int x, int y, const double raster_to_index[4][4], int near_depth, int far_depth,
+                                  _listRay& ray) const {
+    const double index_per_depth = m_IndexPerDepth / kFixedOne;
+    const double along_vox = near_depth * index_per_depth;
+    int dims[3];
+    m_Box.GetDims(dims);
+    for (int j = 0; j < 3; j++) {
+        const double pixel_vox = raster_to_index[3][j] + y * raster_to_index[1][j] + x * raster_to_index[0][j];
+        if (!cell_coordinate(pixel_vox + along_vox * m_ViewIndex[j], dims[j], ray.position[j])) {
+            return false;
+        }
+        ray.entry[j] = ray.position[j];
+    }
+    ray.step_count = affine::truncate_clamped(along_vox * kFixedOne, -kDepthClamp, kDepthClamp);
+    ray.end = affine::truncate_clamped(far_depth * index_per_depth * kFixedOne, -kDepthClamp, kDepthClamp);
+    return true;
 }
 
 void IP_VOLRC_Projector::ResetListHeaders() {

@@ -123,6 +123,38 @@ void destroy_padded(IP_VolData*& padded, IP_Slice*& empty) {
     empty = nullptr;
 }
 
+// Plane of face 2 * axis (+ 1 at the far end) of a box, its normal pointing outwards.
+void face_plane(const IP_Box& box, int face, float equation[4]) {
+    // Three corners of the face: one and its neighbours along the two other axes.
+    const int axis = face / 2;
+    const bool far_end = face % 2 == 1;
+    const int corner = far_end ? 1 << axis : 0;
+    float points[3][3];
+    box.GetVertex(corner, points[0]);
+    box.GetVertex(corner | (1 << ((axis + 1) % 3)), points[1]);
+    box.GetVertex(corner | (1 << ((axis + 2) % 3)), points[2]);
+    double u[3];
+    double v[3];
+    for (int i = 0; i < 3; i++) {
+        u[i] = static_cast<double>(points[1][i]) - points[0][i];
+        v[i] = static_cast<double>(points[2][i]) - points[0][i];
+    }
+    double normal[3] = {u[1] * v[2] - u[2] * v[1], u[2] * v[0] - u[0] * v[2], u[0] * v[1] - u[1] * v[0]};
+    affine::normalise(normal);
+
+    // Out of the box: along its axis at the far end, against it at the near one.
+    float across[3];
+    box.GetSideVec(across, axis);
+    const double along = normal[0] * across[0] + normal[1] * across[1] + normal[2] * across[2];
+    const double sign = (along > 0.0) == far_end ? 1.0 : -1.0;
+    double distance = 0.0;
+    for (int i = 0; i < 3; i++) {
+        equation[i] = static_cast<float>(sign * normal[i]);
+        distance -= static_cast<double>(equation[i]) * points[0][i];
+    }
+    equation[3] = static_cast<float>(distance);
+}
+
 }  // namespace
 
 // ---- Volume
@@ -305,34 +337,8 @@ bool IP_VOLRC_Projector::InitClipManager() {
     reduced.ReduceBox(margins, mm_per_pixel);
 
     for (int face = 0; face < 6; face++) {
-        // Three corners of the face: one and its neighbours along the two other axes.
-        const int axis = face / 2;
-        const int corner = face % 2 == 0 ? 0 : 1 << axis;
-        float points[3][3];
-        reduced.GetVertex(corner, points[0]);
-        reduced.GetVertex(corner | (1 << ((axis + 1) % 3)), points[1]);
-        reduced.GetVertex(corner | (1 << ((axis + 2) % 3)), points[2]);
-        float across[3];
-        reduced.GetSideVec(across, axis);
-
-        // Their plane, with the normal pointing out of the box.
-        double u[3];
-        double v[3];
-        for (int i = 0; i < 3; i++) {
-            u[i] = static_cast<double>(points[1][i]) - points[0][i];
-            v[i] = static_cast<double>(points[2][i]) - points[0][i];
-        }
-        double normal[3] = {u[1] * v[2] - u[2] * v[1], u[2] * v[0] - u[0] * v[2], u[0] * v[1] - u[1] * v[0]};
-        affine::normalise(normal);
-        const double along = normal[0] * across[0] + normal[1] * across[1] + normal[2] * across[2];
-        const bool outwards = (along > 0.0) == (face % 2 == 1);
         float equation[4];
-        double distance = 0.0;
-        for (int i = 0; i < 3; i++) {
-            equation[i] = static_cast<float>(outwards ? normal[i] : -normal[i]);
-            distance -= static_cast<double>(equation[i]) * points[0][i];
-        }
-        equation[3] = static_cast<float>(distance);
+        face_plane(reduced, face, equation);
         m_BoxClipManager->NewClipPlane(face)->SetPlaneEq(equation);
     }
     return true;
