@@ -188,11 +188,43 @@ void FindFrameRange(const std::int16_t* values, std::size_t count, FrameValues& 
     found.max_value = high;
 }
 
+// The same for whole words and a single padding word, which are most files: nothing to extract.
+template <typename Value>
+void FindFrameRangeBesidePadding(const std::int16_t* values, std::size_t count, FrameValues& found) {
+    constexpr Value kLowest = std::numeric_limits<Value>::min(), kHighest = std::numeric_limits<Value>::max();
+    const auto padding = static_cast<Value>(found.padding_value);
+    Value low = kHighest, high = kLowest;
+    bool has_padding = false, has_values = false;
+    for (std::size_t i = 0; i < count; ++i) {
+        const auto value = static_cast<Value>(values[i]);
+        const bool is_padding = value == padding;
+        has_padding |= is_padding;
+        has_values |= !is_padding;
+        low = std::min(low, is_padding ? kHighest : value);
+        high = std::max(high, is_padding ? kLowest : value);
+    }
+    found.has_padding = has_padding;
+    if (has_values) {
+        found.min_value = low;
+        found.max_value = high;
+    }
+}
+
 void Interpret(const DicomFile& file, const FrameTarget& target) {
     const BitField field(file);
     const std::size_t count = PixelsOf(file);
     FrameValues& found = *target.found;
     found = {.is_signed = file.is_signed, .min_value = 65536, .max_value = -65536};
+    if (file.padding_first && !file.padding_last && field.IsWholeWord()) {
+        if (file.is_signed) {
+            found.padding_value = static_cast<std::int16_t>(*file.padding_first);
+            FindFrameRangeBesidePadding<std::int16_t>(target.out, count, found);
+        } else {
+            found.padding_value = *file.padding_first;
+            FindFrameRangeBesidePadding<std::uint16_t>(target.out, count, found);
+        }
+        return;
+    }
     if (file.padding_first) {
         ExtractFieldsAndPadding(file, field, target.out, count, found);
         return;

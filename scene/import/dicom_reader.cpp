@@ -180,10 +180,10 @@ void ReadValues(ImportContext& context, const StackPlan& plan, const DicomStack&
     SixteenBitCode code = UnifyValues(stack, found, decoded, volume);
     if (plan.is_resampled) {
         Resample(context, plan, stack, decoded, code, volume);
+        FindRange(code, volume.voxels.data(), volume.voxels.size());
     } else {
         volume.voxels = decoded;
     }
-    FindRange(code, volume.voxels.data(), volume.voxels.size());
     SetCode(volume, code);
 }
 

@@ -356,11 +356,11 @@ TEST(ImportNrrd, DetachedAndGzipDataIsFoundAndVerified) {
     const TempFolder folder;
     const std::string pixels = Pixels<std::int16_t>(ValuesOn(kGrid));
     WriteBytes(folder / "a.nhdr", NrrdHeader("LPS", kGrid, "encoding: raw\ndata file: a.raw\n"));
-    EXPECT_NE(Refusal(folder / "a.nhdr"), "");
+    EXPECT_NE(Refusal(folder / "a.nhdr", {}), "");
     WriteBytes(folder / "a.raw", pixels);
     ExpectLinearValues(ImportVolume(folder / "a.nhdr", InProcess()), 0.51);
     WriteBytes(folder / "a.raw", pixels.substr(0, pixels.size() - 2));
-    EXPECT_NE(Refusal(folder / "a.nhdr"), "");
+    EXPECT_NE(Refusal(folder / "a.nhdr", {}), "");
 
     WriteGzip(folder / "a.gz", pixels);
     const std::string packed = ReadBytes(folder / "a.gz");
