@@ -87,6 +87,9 @@ ImportedVolume Import(const std::string& path, const ImportOptions& options, Con
     const JobResult result = Run(path, options, job);
     ImportedVolume volume = UnpackVolume(result.text);
     volume.voxels = result.voxels;
+    if (!result.complaint.empty()) {
+        volume.warnings.push_back("the image may be damaged, its decoder says: " + result.complaint);
+    }
     if (volume.voxels.size() != std::size_t(volume.dims[0]) * volume.dims[1] * volume.dims[2]) {
         Refuse(path, "unreadable file", "the file is damaged; get it anew");
     }

@@ -121,7 +121,7 @@ std::size_t MachineMemory() {
 }
 
 // Leaves only what decoding needs: no files of the host, none of its signal handlers, no core files, limited memory.
-void ConfineChild(const ImportLimits& limits, int& pipe, int& memory) {
+void ConfineChild(const ImportLimits& limits, int& pipe, int& memory, int complaints) {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
 
     // Signals.
@@ -133,15 +133,15 @@ void ConfineChild(const ImportLimits& limits, int& pipe, int& memory) {
     ::sigemptyset(&none);
     ::sigprocmask(SIG_SETMASK, &none, nullptr);
 
-    // Descriptors: 0 to 2 lead nowhere, 3 is the pipe, 4 the memory.
+    // Descriptors: 0 and 1 lead nowhere, 2 collects complaints, 3 is the pipe, 4 the memory.
     const int high_pipe = ::fcntl(pipe, F_DUPFD, 10), high_memory = ::fcntl(memory, F_DUPFD, 10);
-    const int nowhere = ::open("/dev/null", O_RDWR);
-    if (high_pipe < 0 || high_memory < 0 || nowhere < 0) {
+    const int high_complaints = ::fcntl(complaints, F_DUPFD, 10), nowhere = ::open("/dev/null", O_RDWR);
+    if (high_pipe < 0 || high_memory < 0 || high_complaints < 0 || nowhere < 0) {
         ::_exit(4);
     }
-    for (int standard = 0; standard < 3; ++standard) {
-        ::dup2(nowhere, standard);
-    }
+    ::dup2(nowhere, 0);
+    ::dup2(nowhere, 1);
+    ::dup2(high_complaints, 2);
     pipe = ::dup2(high_pipe, 3);
     memory = ::dup2(high_memory, 4);
     ::close_range(5, ~0u, 0);
@@ -154,8 +154,8 @@ void ConfineChild(const ImportLimits& limits, int& pipe, int& memory) {
     ::setrlimit(RLIMIT_CORE, &no_core);
 }
 
-[[noreturn]] void RunChild(const ImportOptions& options, const ImportJob& job, int pipe, int memory) {
-    ConfineChild(options.limits, pipe, memory);
+[[noreturn]] void RunChild(const ImportOptions& options, const ImportJob& job, int pipe, int memory, int complaints) {
+    ConfineChild(options.limits, pipe, memory, complaints);
     const auto send_text = [&](MessageKind kind, const std::string& text) {
         Send(pipe, kind, text.data(), text.size());
     };
@@ -319,6 +319,14 @@ VoxelBuffer TakeVoxels(int memory) {
     return MapVoxels(memory, static_cast<std::size_t>(status.st_size) / sizeof(std::int16_t));
 }
 
+// The first line of what was written, made fit to be shown.
+std::string TakeComplaint(int complaints) {
+    std::string text(200, '\0');
+    const ssize_t got = ::pread(complaints, text.data(), text.size(), 0);
+    text.resize(static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
+    return OneLine(text.substr(0, text.find('\n')));
+}
+
 class InProcessContext : public ImportContext {
 public:
     using ImportContext::ImportContext;
@@ -358,7 +366,8 @@ JobResult RunIsolated(const std::string& what, const ImportOptions& options, con
     }
     FileDescriptor read_end(ends[0]), write_end(ends[1]);
     const FileDescriptor memory(::memfd_create("voxels", MFD_CLOEXEC));
-    if (memory.Get() < 0) {
+    const FileDescriptor complaints(::memfd_create("complaints", MFD_CLOEXEC));
+    if (memory.Get() < 0 || complaints.Get() < 0) {
         Refuse(what, "no shared memory for an import process", "close programs and try again");
     }
 
@@ -368,7 +377,7 @@ JobResult RunIsolated(const std::string& what, const ImportOptions& options, con
         Refuse(what, "no import process could be started", "close programs and try again");
     }
     if (pid == 0) {
-        RunChild(options, job, write_end.Get(), memory.Get());
+        RunChild(options, job, write_end.Get(), memory.Get(), complaints.Get());
     }
     const ChildProcess child(pid);
     write_end.Close();
@@ -377,6 +386,7 @@ JobResult RunIsolated(const std::string& what, const ImportOptions& options, con
     JobResult result;
     result.text = ChildDialogue(what, options, read_end.Get()).Run();
     result.voxels = TakeVoxels(memory.Get());
+    result.complaint = TakeComplaint(complaints.Get());
     return result;
 }
 

@@ -13,6 +13,7 @@ namespace scene::import {
 struct JobResult {
     std::string text;
     VoxelBuffer voxels;
+    std::string complaint;  // first line that the child's libraries wrote to standard error
 };
 
 using ImportJob = std::function<std::string(ImportContext&)>;
@@ -21,8 +22,9 @@ using ImportJob = std::function<std::string(ImportContext&)>;
 JobResult RunInProcess(const ImportOptions& options, const ImportJob& job);
 
 // Runs the job in a forked child and waits for it. The child gets `options.limits`, reports progress through a pipe and
-// leaves voxels in shared memory. ImportErrors of the job arrive as they are; a crash, lack of memory or silence of the
-// child is an ImportError about `what`. The child is gone when this returns, whatever happened.
+// leaves voxels in shared memory; what libraries print goes nowhere but into the complaint. ImportErrors of the job
+// arrive as they are; a crash, lack of memory or silence of the child is an ImportError about `what`. The child is gone
+// when this returns, whatever happened.
 //
 // The child starts with the calling thread alone. The C library keeps its own locks usable across a fork; locks of
 // other libraries that another thread holds at that moment stay locked in the child, which then falls silent and is

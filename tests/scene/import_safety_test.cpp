@@ -69,9 +69,11 @@ TEST(ImportIsolation, ResultProgressAndCancellationCrossTheProcessBorder) {
         voxels[999] = 77;
         context.Progress(0.5);
         context.Progress(0.25);
+        std::fputs("Corrupt data\nand more", stderr);
         return std::string("text\0more", 9);
     });
     EXPECT_EQ(result.text, std::string("text\0more", 9));
+    EXPECT_EQ(result.complaint, "Corrupt data");
     ASSERT_EQ(result.voxels.size(), 1000u);
     EXPECT_EQ(result.voxels[999], 77);
     EXPECT_EQ(seen, (std::vector<double>{0.5, 0.5}));
