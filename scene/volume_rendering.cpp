@@ -10,7 +10,7 @@ namespace scene {
 
 namespace {
 
-constexpr int kTissueTables = 16;
+constexpr std::size_t kTissueTables = 16;
 constexpr int kFullWhite = 127;  // what an opaque white surface without shading ends at in the engine's pictures
 
 struct NamedQuality {
@@ -88,15 +88,26 @@ void VolumeRendering::SetTransfer(const TransferFunction& function, bool lit) {
 void VolumeRendering::PassTables() {
     const unsigned int* colours[kTissueTables];
     const unsigned long long* weights[kTissueTables];
-    for (int i = 0; i < kTissueTables; ++i) {
-        const bool own = i + 1 < static_cast<int>(m_Tables.size());
-        const TransferTables& tables = own ? *m_Tables[static_cast<std::size_t>(i)] : *m_Tables.back();
+    for (std::size_t i = 0; i < kTissueTables; ++i) {
+        const TransferTables& tables = TablesOf(i);
         colours[i] = tables.Colours();
         weights[i] = m_Lit ? tables.Weights() : nullptr;
     }
     m_Engine.SetColorTables(colours, weights, m_Source.Stored().bits, false);
     m_Engine.SetLightingMode(m_Lit ? IP_VOLRC_VolumeRenderingRC::LIGHTING_ON
                                    : IP_VOLRC_VolumeRenderingRC::LIGHTING_OFF);
+}
+
+const TransferTables& VolumeRendering::TablesOf(std::size_t tissue) const {
+    return tissue + 1 < m_Tables.size() ? *m_Tables[tissue] : *m_Tables.back();
+}
+
+std::array<const std::uint32_t*, 16> VolumeRendering::ColourTables() const {
+    std::array<const std::uint32_t*, kTissueTables> tables{};
+    for (std::size_t i = 0; i < kTissueTables; ++i) {
+        tables[i] = TablesOf(i).Colours();
+    }
+    return tables;
 }
 
 void VolumeRendering::SetClipping(const std::vector<ClipPlane>& planes) {

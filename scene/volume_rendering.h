@@ -47,6 +47,9 @@ public:
 
     // Draws a frame. Throws Error when the engine cannot draw, and the host's cancellation.
     Picture Draw(const Background& background);
+    // The tables that it draws with, by tissue (15 is "no tissue"), each pointing at stored value 0. Valid until the
+    // transfer function changes.
+    std::array<const std::uint32_t*, 16> ColourTables() const;
     // Whether a position is in front of what the last frame shows, or at most `tolerance_mm` behind.
     bool IsVisible(const Vec3& position_mm, double tolerance_mm);
     // Where the ray of a pixel of the last frame was stopped because nothing more would be seen behind; empty where the
@@ -57,6 +60,7 @@ public:
 
 private:
     void PassTables();
+    const TransferTables& TablesOf(std::size_t tissue) const;
 
     VolumeSource& m_Source;
     IP_VOLRC_VolumeRenderingRC m_Engine{0, 0};
