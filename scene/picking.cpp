@@ -81,6 +81,23 @@ double DominantPlace(RayReader& reader, const ViewingRay& ray) {
     return place;
 }
 
+PickedPoint Shown(const VolumeSource& source, const Vec3& place_vox, double value) {
+    PickedPoint point{PickOutcome::kShown, source.PatientPosition(place_vox), value, {}, 0.0};
+    const std::array<double, 3> place = ToArray(place_vox);
+    for (std::size_t axis = 0; axis < 3; ++axis) {
+        const long last = source.Info().dims[axis] - 1;
+        point.voxel[axis] = static_cast<int>(std::clamp(std::lround(place[axis]), 0L, last));
+    }
+    point.voxel_value = source.Rescaled(source.StoredAt(point.voxel));
+    return point;
+}
+
+PickedPoint Nothing(PickOutcome outcome) {
+    PickedPoint point;
+    point.outcome = outcome;
+    return point;
+}
+
 }  // namespace
 
 std::optional<ViewingRay> RayOfRendering(const VolumeSource& source, const Camera& camera,
@@ -155,29 +172,22 @@ PickedPoint PickOnProjection(Projection& projection, VolumeSource& source, doubl
     const std::optional<IP_MIPPick> pick = projection.Pick(pixel_x, pixel_y);
     if (!pick) {
         const bool meets = projection.Ray(pixel_x, pixel_y).has_value();
-        return {meets ? PickOutcome::kNothingVisible : PickOutcome::kMissesVolume, {}, {}, 0.0};
+        return Nothing(meets ? PickOutcome::kNothingVisible : PickOutcome::kMissesVolume);
     }
-    const Vec3 voxel = {pick->voxel[0], pick->voxel[1], pick->voxel[2]};
-    return {PickOutcome::kShown, source.PatientPosition(voxel), voxel, pick->rescaled};
+    return Shown(source, {pick->voxel[0], pick->voxel[1], pick->voxel[2]}, pick->rescaled);
 }
 
 PickedPoint PickOnRendering(VolumeSource& source, IP_VolData* tissues, const OpacityTables& opacities,
                             const std::optional<ViewingRay>& ray) {
-    PickedPoint picked;
+    PickedPoint picked = Nothing(PickOutcome::kMissesVolume);
     if (!ray) {
         return picked;
     }
     ReadVoxels([&] {
         RayReader reader(source, tissues, opacities);
         const double place = DominantPlace(reader, *ray);
-        if (place < 0.0) {
-            picked.outcome = PickOutcome::kNothingVisible;
-            return;
-        }
-        picked.outcome = PickOutcome::kShown;
-        picked.voxel = ray->At(place);
-        picked.position_mm = source.PatientPosition(picked.voxel);
-        picked.value = source.Rescaled(reader.Stored(picked.voxel));
+        picked = place < 0.0 ? Nothing(PickOutcome::kNothingVisible)
+                             : Shown(source, ray->At(place), source.Rescaled(reader.Stored(ray->At(place))));
     });
     return picked;
 }

@@ -65,9 +65,10 @@ std::string_view Text(PickOutcome outcome);
 struct PickedPoint {
     PickOutcome outcome = PickOutcome::kMissesVolume;
     // Only when shown:
-    Vec3 position_mm;    // patient LPS
-    Vec3 voxel;          // voxel indices; the picture interpolates, so mostly not whole
-    double value = 0.0;  // rescaled, as the picture sampled it
+    Vec3 position_mm;                      // patient LPS
+    double value = 0.0;                    // rescaled, as the picture sampled it there: mostly between voxels
+    std::array<int, 3> voxel = {0, 0, 0};  // nearest voxel, column, row and slice from 0
+    double voxel_value = 0.0;              // its rescaled value
 };
 
 // The brightest voxel of the ray, as the projection draws it. `linear` as the projection was made.

@@ -54,12 +54,6 @@ void ScreenMatrix(const Camera& camera, float m[4][4]) {
     std::copy(&rows[0][0], &rows[0][0] + 16, &m[0][0]);
 }
 
-// The most that a stopped ray leaves in a pixel's top byte: the threshold, brightened like the ray's colour.
-int HiddenTransparency(int stop_transparency) {
-    const double stop = stop_transparency / 65535.0;
-    return static_cast<int>(255.0 * stop * (1.0 + stop + stop * stop)) + 1;
-}
-
 int Layers(int slices) {
     return (slices + 4 + 31) / 32;
 }  // of 32 slices, two more slices at each end
@@ -159,30 +153,12 @@ bool VolumeRendering::IsVisible(const Vec3& position_mm, double tolerance_mm) {
     return m_Engine.IsVisible(point, static_cast<float>(tolerance_mm));
 }
 
-std::optional<Vec3> VolumeRendering::PickSurface(const ViewingRay& ray, int pixel_x, int pixel_y) {
-    if (pixel_x < 0 || pixel_y < 0 || pixel_x >= m_Width || pixel_y >= m_Height || m_Raw.empty()) {
-        return std::nullopt;
-    }
-    const std::size_t i =
-        static_cast<std::size_t>(pixel_y) * static_cast<std::size_t>(m_Width) + static_cast<std::size_t>(pixel_x);
-    if (static_cast<int>(m_Raw[i] >> 24) > HiddenTransparency(Entry(m_Quality).stop_transparency)) {
-        return std::nullopt;
-    }
-    // What lies in front of the stop is visible, what lies behind is not: halve until a hundredth of a voxel is left.
-    double in_front = 0.0;
-    double behind = ray.length_mm;
-    while (behind - in_front > 0.01 * ray.voxel_size_mm) {
-        const double middle = 0.5 * (in_front + behind);
-        (IsVisible(ray.start_mm + ray.direction_mm * middle, 0.0) ? in_front : behind) = middle;
-    }
-    return ray.start_mm + ray.direction_mm * in_front;
-}
-
 Picture Developed(const std::vector<std::uint32_t>& raw, int width, int height, const Background& background,
                   int stop_transparency) {
     // A stopped ray leaves at most the threshold, brightened like its colour. From there to twice as much, transparency
     // comes back linearly, so that no edge shows where rays are stopped.
-    const int hidden = HiddenTransparency(stop_transparency);
+    const double stop = stop_transparency / 65535.0;
+    const int hidden = static_cast<int>(255.0 * stop * (1.0 + stop + stop * stop)) + 1;
     std::array<std::uint32_t, 256> see_through{};
     for (int t = 0; t < 256; ++t) {
         see_through[static_cast<std::size_t>(t)] = static_cast<std::uint32_t>(t <= hidden      ? 0

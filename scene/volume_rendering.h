@@ -5,7 +5,6 @@
 #include "scene/clipping.h"
 #include "scene/picture.h"
 #include "scene/transfer_function.h"
-#include "scene/viewing_ray.h"
 #include "scene/views.h"
 #include "scene/volume_source.h"
 
@@ -52,11 +51,6 @@ public:
     std::array<const std::uint32_t*, 16> ColourTables() const;
     // Whether a position is in front of what the last frame shows, or at most `tolerance_mm` behind.
     bool IsVisible(const Vec3& position_mm, double tolerance_mm);
-    // Where the ray of a pixel of the last frame was stopped because nothing more would be seen behind; empty where the
-    // picture lets the background through. `ray` is the pixel's ray through the volume.
-    std::optional<Vec3> PickSurface(const ViewingRay& ray, int pixel_x, int pixel_y);
-    // The tables in use; null before SetTransfer.
-    const TransferTables* Tables() const { return m_Tables.empty() ? nullptr : m_Tables.front().get(); }
 
 private:
     void PassTables();

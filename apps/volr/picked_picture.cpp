@@ -1,93 +1,131 @@
 #include "apps/volr/picked_picture.h"
 
 #include <cmath>
+#include <cstdio>
 
 namespace volr {
 
-void PickOptions::AddTo(CLI::App& verb) {
+namespace {
+
+// Whole numbers print without a fraction.
+std::string Number(double value) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%.10g", value);
+    return text;
+}
+
+}  // namespace
+
+void PickedPictureOptions::AddTo(CLI::App& verb) {
     input.AddTo(verb);
-    verb.add_option("--pixel", pixels, "pixel of the picture, as X,Y from the top left; repeatable")
-        ->required()
-        ->allow_extra_args(false);
-    verb.add_option("--on", on, "kind of picture")->check(CLI::IsMember({"mip", "render"}))->capture_default_str();
-    verb.add_flag("--json", json, "prints JSON");
+    verb.add_option("--pixel", pixels, "pixel of the picture, from 0,0 at the top left, as X,Y; repeatable")
+        ->allow_extra_args(false)
+        ->required();
+    verb.add_option("--on", on, "picture that is picked on; it takes the options of the verb of that name")
+        ->check(CLI::IsMember({"mip", "render"}))
+        ->capture_default_str();
+    verb.add_flag("--json", json, "prints a JSON array, one object for each pixel");
     view.AddTo(verb);
-    look.AddTo(verb);
     projection.AddTo(verb);
+    look.AddTo(verb);
     clip.AddTo(verb);
     running.AddTo(verb, false);
 }
 
-std::vector<std::array<double, 2>> PickOptions::Pixels() const {
-    const scene::View parsed = view.Parse();
-    std::vector<std::array<double, 2>> all;
-    for (const std::string& text : pixels) {
-        const std::vector<double> xy = ParseNumbers("--pixel", text, 2);
-        if (xy[0] < 0.0 || xy[1] < 0.0 || xy[0] > parsed.width - 1.0 || xy[1] > parsed.height - 1.0) {
-            Misuse("--pixel", "\"" + text + "\" lies outside the picture",
-                   "give X from 0 to " + std::to_string(parsed.width - 1) + " and Y from 0 to " +
-                       std::to_string(parsed.height - 1));
-        }
-        all.push_back({xy[0], xy[1]});
-    }
-    return all;
-}
-
-void PickOptions::Check() const {
-    Pixels();
+void PickedPictureOptions::Check() const {
+    ParsePixels();
+    projection.Check();
     look.Function();
     look.ParseLight();
-    projection.Check();
     clip.Check();
 }
 
-PickedPicture::PickedPicture(Session& session, const PickOptions& options)
-    : m_Options(options), m_Source(session.Open(options.input)) {
+std::vector<Pixel> PickedPictureOptions::ParsePixels() const {
+    const scene::View shape = view.Parse();
+    std::vector<Pixel> parsed;
+    for (const std::string& text : pixels) {
+        const std::vector<double> xy = ParseNumbers("--pixel", text, 2);
+        const bool inside = xy[0] >= -0.5 && xy[0] < shape.width - 0.5 && xy[1] >= -0.5 && xy[1] < shape.height - 0.5;
+        if (!inside) {
+            Misuse("--pixel", "\"" + text + "\" lies outside the picture",
+                   "give 0,0 to " + std::to_string(shape.width - 1) + "," + std::to_string(shape.height - 1));
+        }
+        parsed.push_back({xy[0], xy[1]});
+    }
+    return parsed;
+}
+
+PickedPicture::PickedPicture(const PickedPictureOptions& options, scene::VolumeSource& source)
+    : m_Options(options), m_Source(source) {
     const scene::View view = options.view.Parse();
-    m_Camera = scene::MakeCamera(view, m_Source->GetSubject());
-    m_Planes = options.clip.Parse(*m_Source);
-    if (options.OnRendering()) {
-        m_Rendering.emplace(*m_Source);
-        m_Rendering->SetTransfer(options.look.FunctionFor(*m_Source), options.look.Lit());
-        m_Rendering->SetQuality(options.look.ParseQuality());
-        m_Rendering->SetClipping(m_Planes);
-        m_Rendering->SetView(m_Camera, options.look.ParseLight());
-    } else {
-        m_Projection.emplace(*m_Source, options.projection.Linear());
+    m_Camera = scene::MakeCamera(view, source.GetSubject());
+    m_Planes = options.clip.Parse(source);
+    if (options.on == "mip") {
+        m_Projection.emplace(source, options.projection.Linear());
         options.projection.Apply(*m_Projection);
         m_Projection->SetClipping(m_Planes);
         m_Projection->SetView(m_Camera, view);
+        return;
     }
-    session.NotePicture(scene::GeometryOf(m_Camera));
+    m_Rendering.emplace(source);
+    m_Rendering->SetTransfer(options.look.FunctionFor(source), options.look.Lit());
+    m_Rendering->SetQuality(options.look.ParseQuality());
+    m_Rendering->SetClipping(m_Planes);
+    m_Rendering->SetView(m_Camera, options.look.ParseLight());
+    m_Opacities.emplace(m_Rendering->ColourTables(), source.Stored());
 }
 
-scene::Picture PickedPicture::Draw() {
+std::optional<scene::ViewingRay> PickedPicture::Ray(const Pixel& pixel) {
+    return m_Projection ? scene::RayOfProjection(*m_Projection, pixel[0], pixel[1])
+                        : scene::RayOfRendering(m_Source, m_Camera, m_Planes, pixel[0], pixel[1]);
+}
+
+scene::PickedPoint PickedPicture::PickAt(const Pixel& pixel) {
+    return m_Projection ? scene::PickOnProjection(*m_Projection, m_Source, pixel[0], pixel[1])
+                        : scene::PickOnRendering(m_Source, nullptr, *m_Opacities, Ray(pixel));
+}
+
+scene::VesselPick PickedPicture::VesselAt(const Pixel& pixel) {
+    return m_Projection ? scene::FindVesselOnProjection(m_Source, nullptr, Ray(pixel))
+                        : scene::FindVesselOnRendering(m_Source, nullptr, *m_Opacities, Ray(pixel));
+}
+
+scene::Picture PickedPicture::Draw(Session& session, const scene::Background& background) {
+    scene::Picture picture;
     if (m_Rendering) {
-        return m_Rendering->Draw({});
+        session.DrawFrames([&] { picture = m_Rendering->Draw(background); });
+        return picture;
     }
-    const scene::ProjectedPicture picture = m_Projection->Draw();
-    const std::optional<scene::DisplayWindow> window = m_Options.projection.ParseWindow();
-    return scene::Windowed(picture, *m_Source, window ? *window : scene::DefaultWindow(*m_Source, picture));
+    scene::ProjectedPicture projected;
+    session.DrawFrames([&] { projected = m_Projection->Draw(); });
+    const std::optional<scene::DisplayWindow> named = m_Options.projection.ParseWindow();
+    return scene::Windowed(projected, m_Source, named ? *named : scene::DefaultWindow(m_Source, projected));
 }
 
-std::optional<scene::ViewingRay> PickedPicture::Ray(double x, double y) const {
-    std::vector<scene::ClipPlane> planes = m_Planes;
-    if (!m_Rendering && !m_Options.projection.slab.empty()) {
-        const std::vector<scene::ClipPlane> slab = scene::PlanesOf(*m_Options.projection.ParseSlab(), m_Camera);
-        planes.insert(planes.end(), slab.begin(), slab.end());
-    }
-    return scene::RayThrough(m_Camera, *m_Source, planes, x, y);
+nlohmann::ordered_json Array(const scene::Vec3& v) {
+    return scene::ToArray(v);
 }
 
-std::optional<scene::Vec3> PickedPicture::Position(double x, double y) {
-    if (m_Rendering) {
-        const std::optional<scene::ViewingRay> ray = Ray(x, y);
-        return ray ? m_Rendering->PickSurface(*ray, static_cast<int>(std::lround(x)), static_cast<int>(std::lround(y)))
-                   : std::nullopt;
+nlohmann::ordered_json Array(const Pixel& pixel) {
+    nlohmann::ordered_json xy = nlohmann::ordered_json::array();
+    for (const double v : pixel) {
+        if (v == std::floor(v)) {
+            xy.push_back(static_cast<int>(v));
+        } else {
+            xy.push_back(v);
+        }
     }
-    const std::optional<IP_MIPPick> pick = m_Projection->Pick(x, y);
-    return pick ? std::optional(m_Source->PatientPosition({pick->voxel[0], pick->voxel[1], pick->voxel[2]}))
-                : std::nullopt;
+    return xy;
+}
+
+std::string Numbers(const scene::Vec3& v) {
+    char text[96];
+    std::snprintf(text, sizeof text, "%.2f %.2f %.2f", v.x, v.y, v.z);
+    return text;
+}
+
+std::string Name(const Pixel& pixel) {
+    return Number(pixel[0]) + "," + Number(pixel[1]);
 }
 
 }  // namespace volr

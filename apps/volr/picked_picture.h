@@ -1,13 +1,14 @@
-// The picture that picks are made on: drawn from the same options as the verbs that write it.
+// The picture that a pick looks at: the same options as for drawing it, and the pixels.
 #pragma once
 
 #include "apps/volr/options.h"
 #include "apps/volr/projection_options.h"
 #include "apps/volr/session.h"
-#include "scene/projection.h"
-#include "scene/viewing_ray.h"
-#include "scene/volume_rendering.h"
+#include "scene/picking.h"
+#include "scene/picture.h"
+#include "scene/vessel_search.h"
 
+#include <array>
 #include <memory>
 #include <optional>
 #include <string>
@@ -15,46 +16,53 @@
 
 namespace volr {
 
-struct PickOptions {
+using Pixel = std::array<double, 2>;  // x, y; whole numbers are pixel centres
+
+struct PickedPictureOptions {
     InputOptions input;
     std::string on = "mip";
     std::vector<std::string> pixels;
     bool json = false;
     ViewOptions view;
     LookOptions look;
-    ProjectionOptions projection;
     ClipOptions clip;
+    ProjectionOptions projection;
     RunOptions running;
 
     void AddTo(CLI::App& verb);
-    bool OnRendering() const { return on == "render"; }
-    std::vector<std::array<double, 2>> Pixels() const;  // checked against the picture's size
+    // Everything that can be checked before the volume is there. Misuse throws.
     void Check() const;
+    std::vector<Pixel> ParsePixels() const;
 };
 
-// The volume and the picture of it.
+// The picture, set up but not drawn: picks need no frame.
 class PickedPicture {
 public:
-    PickedPicture(Session& session, const PickOptions& options);
+    PickedPicture(const PickedPictureOptions& options, scene::VolumeSource& source);
 
-    // Draws it; picks on renderings need it, on projections only who looks at it.
-    scene::Picture Draw();
-    // Empty outside of the volume.
-    std::optional<scene::ViewingRay> Ray(double x, double y) const;
-    // The position that a pixel shows.
-    std::optional<scene::Vec3> Position(double x, double y);
-
-    scene::VolumeSource& Source() { return *m_Source; }
-    const scene::Camera& GetCamera() const { return m_Camera; }
-    const scene::TransferTables& Tables() const { return *m_Rendering->Tables(); }
+    const scene::Camera& Camera() const { return m_Camera; }
+    scene::PickedPoint PickAt(const Pixel& pixel);
+    scene::VesselPick VesselAt(const Pixel& pixel);
+    // As volr mip and volr render draw it.
+    scene::Picture Draw(Session& session, const scene::Background& background);
 
 private:
-    PickOptions m_Options;
-    std::unique_ptr<scene::VolumeSource> m_Source;
+    std::optional<scene::ViewingRay> Ray(const Pixel& pixel);
+
+    const PickedPictureOptions& m_Options;
+    scene::VolumeSource& m_Source;
     scene::Camera m_Camera;
     std::vector<scene::ClipPlane> m_Planes;
+    std::optional<scene::Projection> m_Projection;  // one of the two
     std::optional<scene::VolumeRendering> m_Rendering;
-    std::optional<scene::Projection> m_Projection;
+    std::optional<scene::OpacityTables> m_Opacities;
 };
+
+// [x, y, z], and [x, y] without a fraction where there is none.
+nlohmann::ordered_json Array(const scene::Vec3& v);
+nlohmann::ordered_json Array(const Pixel& pixel);
+// The three numbers with two decimals and a blank between.
+std::string Numbers(const scene::Vec3& v);
+std::string Name(const Pixel& pixel);  // "x,y"
 
 }  // namespace volr

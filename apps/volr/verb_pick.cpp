@@ -1,9 +1,7 @@
-// volr pick: where in the patient a pixel looks.
+// volr pick: what a pixel shows.
 #include "apps/volr/picked_picture.h"
 #include "apps/volr/verbs.h"
 
-#include <algorithm>
-#include <cmath>
 #include <cstdio>
 #include <memory>
 
@@ -13,69 +11,63 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-std::array<int, 3> NearestVoxel(const scene::VolumeSource& source, const scene::Vec3& position_mm) {
-    const std::array<double, 3> index = ToArray(source.VoxelIndex(position_mm));
-    std::array<int, 3> nearest{};
-    for (std::size_t axis = 0; axis < 3; ++axis) {
-        nearest[axis] =
-            static_cast<int>(std::clamp(std::lround(index[axis]), 0L, static_cast<long>(source.Info().dims[axis] - 1)));
-    }
-    return nearest;
-}
-
-Json PickPixel(PickedPicture& picture, const std::array<double, 2>& pixel) {
-    Json json = {{"pixel", pixel}, {"patient_mm", nullptr}, {"voxel", nullptr}, {"value", nullptr}};
-    const std::optional<scene::Vec3> position = picture.Position(pixel[0], pixel[1]);
-    if (position) {
-        const std::array<int, 3> voxel = NearestVoxel(picture.Source(), *position);
-        json["patient_mm"] = ToArray(*position);
-        json["voxel"] = voxel;
-        json["value"] = picture.Source().Rescaled(picture.Source().StoredAt(voxel));
-    }
+Json Describe(const Pixel& pixel, const scene::PickedPoint& point) {
+    const bool shown = point.outcome == scene::PickOutcome::kShown;
+    Json json;
+    json["pixel"] = Array(pixel);
+    json["picked_mm"] = shown ? Array(point.position_mm) : Json();
+    json["voxel"] = shown ? Json(point.voxel) : Json();
+    json["voxel_value"] = shown ? Json(point.voxel_value) : Json();
+    json["value"] = shown ? Json(point.value) : Json();
+    json["reason"] = shown ? Json() : Json(scene::Text(point.outcome));
     return json;
 }
 
-void Print(const Json& pick) {
-    std::printf("pixel %g,%g: ", pick["pixel"][0].get<double>(), pick["pixel"][1].get<double>());
-    if (pick["patient_mm"].is_null()) {
-        std::printf("nothing opaque\n");
-        return;
+std::string Line(const Pixel& pixel, const scene::PickedPoint& point) {
+    if (point.outcome != scene::PickOutcome::kShown) {
+        return Name(pixel) + "  nothing: " + std::string(scene::Text(point.outcome));
     }
-    const Json& mm = pick["patient_mm"];
-    const Json& voxel = pick["voxel"];
-    std::printf("%.2f, %.2f, %.2f mm (LPS), voxel %d, %d, %d, value %g\n", mm[0].get<double>(), mm[1].get<double>(),
-                mm[2].get<double>(), voxel[0].get<int>(), voxel[1].get<int>(), voxel[2].get<int>(),
-                pick["value"].get<double>());
+    char numbers[160];
+    std::snprintf(numbers, sizeof numbers, "value %.6g  at %s mm  nearest voxel %d %d %d of value %.6g", point.value,
+                  Numbers(point.position_mm).c_str(), point.voxel[0], point.voxel[1], point.voxel[2],
+                  point.voxel_value);
+    return Name(pixel) + "  " + numbers;
 }
 
-void Run(const PickOptions& options) {
+void Run(const PickedPictureOptions& options) {
     options.Check();
     Session session(options.running);
-    PickedPicture picture(session, options);
-    if (options.OnRendering()) {
-        session.DrawFrames([&] { picture.Draw(); });
-    }
+    const std::unique_ptr<scene::VolumeSource> source = session.Open(options.input);
+    PickedPicture picture(options, *source);
+
     Json all = Json::array();
-    for (const std::array<double, 2>& pixel : options.Pixels()) {
-        all.push_back(PickPixel(picture, pixel));
+    for (const Pixel& pixel : options.ParsePixels()) {
+        session.ThrowIfCancelled();
+        const scene::PickedPoint point = picture.PickAt(pixel);
+        if (options.json) {
+            all.push_back(Describe(pixel, point));
+        } else {
+            std::printf("%s\n", Line(pixel, point).c_str());
+        }
     }
     if (options.json) {
-        std::printf("%s\n", (all.size() == 1 ? all[0] : all).dump(2).c_str());
-    } else {
-        std::for_each(all.begin(), all.end(), Print);
+        std::printf("%s\n", all.dump(2).c_str());
     }
+    session.NotePicture(scene::GeometryOf(picture.Camera()));
     session.WriteStatistics();
 }
 
 }  // namespace
 
 void AddPickVerb(CLI::App& app, Work& run) {
-    const auto options = std::make_shared<PickOptions>();
-    CLI::App* const verb = app.add_subcommand("pick", "tells which patient position, voxel and value a pixel shows");
+    const auto options = std::make_shared<PickedPictureOptions>();
+    CLI::App* const verb =
+        app.add_subcommand("pick", "patient position, voxel and value that a pixel of a picture shows");
     options->AddTo(*verb);
     verb->footer(
-        "Examples:\n  volr pick study/ --pixel 256,200\n  volr pick head.nrrd --on render --preset ct-bone --view left "
-        "--pixel 256,200 --json");
+        "Positions are patient mm (LPS), voxels count from 0 along columns, rows and slices.\n"
+        "Examples:\n  volr pick study/ --pixel 256,200\n"
+        "  volr pick study/ --on render --preset ct-bone --view left --pixel 200,180 --pixel 210,180 --json");
     verb->callback([options, &run] { run = [options] { Run(*options); }; });
 }
 
