@@ -24,7 +24,7 @@ void PickedPictureOptions::AddTo(CLI::App& verb) {
     verb.add_option("--on", on, "picture that is picked on; it takes the options of the verb of that name")
         ->check(CLI::IsMember({"mip", "render"}))
         ->capture_default_str();
-    verb.add_flag("--json", json, "prints a JSON array, one object for each pixel");
+    verb.add_flag("--json", json, "prints JSON, one object for each pixel");
     view.AddTo(verb);
     projection.AddTo(verb);
     look.AddTo(verb);

@@ -15,7 +15,7 @@ Json Describe(const Pixel& pixel, const scene::PickedPoint& point) {
     const bool shown = point.outcome == scene::PickOutcome::kShown;
     Json json;
     json["pixel"] = Array(pixel);
-    json["picked_mm"] = shown ? Array(point.position_mm) : Json();
+    json["patient_mm"] = shown ? Array(point.position_mm) : Json();
     json["voxel"] = shown ? Json(point.voxel) : Json();
     json["voxel_value"] = shown ? Json(point.voxel_value) : Json();
     json["value"] = shown ? Json(point.value) : Json();
@@ -51,7 +51,7 @@ void Run(const PickedPictureOptions& options) {
         }
     }
     if (options.json) {
-        std::printf("%s\n", all.dump(2).c_str());
+        std::printf("%s\n", (all.size() == 1 ? all[0] : all).dump(2).c_str());
     }
     session.NotePicture(scene::GeometryOf(picture.Camera()));
     session.WriteStatistics();
