@@ -22,7 +22,6 @@ namespace {
 constexpr const char* kSource = "ip_volr/IP_MIPProjector";
 constexpr unsigned kQuotaSlices = 200;
 constexpr float kBytesPerVoxel = 2.0F;
-constexpr int kSubtasksPerServer = 4;
 constexpr int kStripBytes = 262144;
 constexpr int kWeightOne = 32768;
 
@@ -325,8 +324,7 @@ void IP_MIPProjector::take_transposed_blocks(IP_VolRParamsMIP* p) {
     // Two blocks for each subtask: they stay in the cache from the transposition to the projection.
     MipFrame& f = *m_Frame;
     const std::size_t voxels = static_cast<std::size_t>(f.stored_width) * static_cast<std::size_t>(f.stored_rows);
-    const std::size_t wanted =
-        2 * static_cast<std::size_t>(TCO_CompoundTaskManager::GetNumberOfServers() * kSubtasksPerServer);
+    const std::size_t wanted = 2 * static_cast<std::size_t>(TCO_CompoundTaskManager::GetNumberOfServers());
     for (const IP_SliceChunk* chunk : p->m_SliceChunks) {
         for (unsigned i = 0; i < chunk->GetNumbSlices() && f.transposed.size() < wanted; i++) {
             MEM_PagerInfo* const block = chunk->GetMemInfo(i);

@@ -18,6 +18,10 @@ void store(std::int16_t* p, __m256i v) {
     _mm256_storeu_si256(reinterpret_cast<__m256i*>(p), v);
 }
 
+void call_in(const std::int16_t* p) {
+    _mm_prefetch(reinterpret_cast<const char*>(p), _MM_HINT_T0);
+}
+
 void fill(std::int16_t* dst, std::size_t count, std::int16_t value) {
     const __m256i v = _mm256_set1_epi16(value);
     std::size_t i = 0;
@@ -35,7 +39,7 @@ void max_row(std::int16_t* dst, const std::int16_t* src, std::size_t count) {
         return;
     }
     const auto group = [=](std::size_t i) {
-        _mm_prefetch(reinterpret_cast<const char*>(src + i + kAhead), _MM_HINT_T0);
+        call_in(src + i + kAhead);
         store(dst + i, _mm256_max_epi16(load(dst + i), load(src + i)));
     };
     for (std::size_t i = 0; i + kLanes <= count; i += kLanes) {
@@ -66,30 +70,68 @@ void max_row_weighted(std::int16_t* dst, const std::int16_t* src, std::size_t co
     mip_scalar::max_row_weighted(dst + i, src + i, count - i, {static_cast<std::int32_t>(rest), weight.step});
 }
 
-struct Weights {
-    __m256i near_pair;
-    __m256i far_pair;
-    __m256i half;
+// Two weights side by side, as the pairwise multiplication takes them.
+__m256i weight_pair(std::int16_t first, std::int16_t second) {
+    return _mm256_set1_epi32(
+        static_cast<int>(static_cast<std::uint32_t>(second) << 16 | static_cast<std::uint32_t>(first)));
+}
 
-    explicit Weights(const MipBilinear& w)
-        : near_pair(_mm256_set1_epi32(
-              static_cast<int>(static_cast<std::uint32_t>(w.a1) << 16 | static_cast<std::uint32_t>(w.a0)))),
-          far_pair(_mm256_set1_epi32(
-              static_cast<int>(static_cast<std::uint32_t>(w.b1) << 16 | static_cast<std::uint32_t>(w.b0)))),
-          half(_mm256_set1_epi32(16384)) {}
+// Weighted sums of pixels p and q, in halves.
+struct Sums {
+    __m256i low;
+    __m256i high;
 };
 
-__m256i sample(const std::int16_t* near_row, const std::int16_t* far_row, std::ptrdiff_t step, const Weights& w) {
-    const __m256i a0 = load(near_row);
-    const __m256i a1 = load(near_row + step);
-    const __m256i b0 = load(far_row);
-    const __m256i b1 = load(far_row + step);
-    const __m256i low = _mm256_add_epi32(_mm256_madd_epi16(_mm256_unpacklo_epi16(a0, a1), w.near_pair),
-                                         _mm256_madd_epi16(_mm256_unpacklo_epi16(b0, b1), w.far_pair));
-    const __m256i high = _mm256_add_epi32(_mm256_madd_epi16(_mm256_unpackhi_epi16(a0, a1), w.near_pair),
-                                          _mm256_madd_epi16(_mm256_unpackhi_epi16(b0, b1), w.far_pair));
-    return _mm256_packs_epi32(_mm256_srai_epi32(_mm256_add_epi32(low, w.half), 15),
-                              _mm256_srai_epi32(_mm256_add_epi32(high, w.half), 15));
+Sums weigh(__m256i p, __m256i q, __m256i pair) {
+    return {_mm256_madd_epi16(_mm256_unpacklo_epi16(p, q), pair), _mm256_madd_epi16(_mm256_unpackhi_epi16(p, q), pair)};
+}
+
+__m256i round_sums(const Sums& s) {
+    const __m256i half = _mm256_set1_epi32(16384);
+    return _mm256_packs_epi32(_mm256_srai_epi32(_mm256_add_epi32(s.low, half), 15),
+                              _mm256_srai_epi32(_mm256_add_epi32(s.high, half), 15));
+}
+
+// Groups of a whole row; the last one overlaps the one before.
+template <class Group>
+void for_groups(std::size_t count, const Group& group) {
+    for (std::size_t i = 0; i + kLanes <= count; i += kLanes) {
+        group(i);
+    }
+    group(count - kLanes);
+}
+
+// Slices often shift along one axis only: two of the four weights are 0 then, and their pixels are not read.
+template <bool kKeepMaximum>
+void blend(std::int16_t* dst, const std::int16_t* near_row, const std::int16_t* far_row, std::size_t count,
+           const MipBilinear& w) {
+    const auto put = [dst](std::size_t i, __m256i v) {
+        store(dst + i, kKeepMaximum ? _mm256_max_epi16(load(dst + i), v) : v);
+    };
+    const auto blend_two = [&](const std::int16_t* q, __m256i pair) {
+        for_groups(count, [&](std::size_t i) {
+            call_in(near_row + i + kAhead);
+            call_in(q + i + kAhead);
+            put(i, round_sums(weigh(load(near_row + i), load(q + i), pair)));
+        });
+    };
+    if (w.b0 == 0 && w.b1 == 0) {
+        blend_two(near_row + w.step, weight_pair(w.a0, w.a1));
+        return;
+    }
+    if (w.a1 == 0 && w.b1 == 0) {
+        blend_two(far_row, weight_pair(w.a0, w.b0));
+        return;
+    }
+    const __m256i near_pair = weight_pair(w.a0, w.a1);
+    const __m256i far_pair = weight_pair(w.b0, w.b1);
+    for_groups(count, [&](std::size_t i) {
+        call_in(near_row + i + kAhead);
+        call_in(far_row + i + kAhead);
+        const Sums near = weigh(load(near_row + i), load(near_row + i + w.step), near_pair);
+        const Sums far = weigh(load(far_row + i), load(far_row + i + w.step), far_pair);
+        put(i, round_sums({_mm256_add_epi32(near.low, far.low), _mm256_add_epi32(near.high, far.high)}));
+    });
 }
 
 void max_row_bilinear(std::int16_t* dst, const std::int16_t* near_row, const std::int16_t* far_row, std::size_t count,
@@ -98,17 +140,7 @@ void max_row_bilinear(std::int16_t* dst, const std::int16_t* near_row, const std
         mip_scalar::max_row_bilinear(dst, near_row, far_row, count, weights);
         return;
     }
-    const Weights w(weights);
-    const std::ptrdiff_t step = weights.step;
-    const auto group = [&](std::size_t i) {
-        _mm_prefetch(reinterpret_cast<const char*>(near_row + i + kAhead), _MM_HINT_T0);
-        _mm_prefetch(reinterpret_cast<const char*>(far_row + i + kAhead), _MM_HINT_T0);
-        store(dst + i, _mm256_max_epi16(load(dst + i), sample(near_row + i, far_row + i, step, w)));
-    };
-    for (std::size_t i = 0; i + kLanes <= count; i += kLanes) {
-        group(i);
-    }
-    group(count - kLanes);
+    blend<true>(dst, near_row, far_row, count, weights);
 }
 
 void row_bilinear(std::int16_t* dst, const std::int16_t* near_row, const std::int16_t* far_row, std::size_t count,
@@ -117,13 +149,7 @@ void row_bilinear(std::int16_t* dst, const std::int16_t* near_row, const std::in
         mip_scalar::row_bilinear(dst, near_row, far_row, count, weights);
         return;
     }
-    const Weights w(weights);
-    const std::ptrdiff_t step = weights.step;
-    const auto group = [&](std::size_t i) { store(dst + i, sample(near_row + i, far_row + i, step, w)); };
-    for (std::size_t i = 0; i + kLanes <= count; i += kLanes) {
-        group(i);
-    }
-    group(count - kLanes);
+    blend<false>(dst, near_row, far_row, count, weights);
 }
 
 }  // namespace

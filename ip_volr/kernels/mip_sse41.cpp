@@ -62,30 +62,62 @@ void max_row_weighted(std::int16_t* dst, const std::int16_t* src, std::size_t co
     mip_scalar::max_row_weighted(dst + i, src + i, count - i, {static_cast<std::int32_t>(rest), weight.step});
 }
 
-struct Weights {
-    __m128i near_pair;
-    __m128i far_pair;
-    __m128i half;
+// Two weights side by side, as the pairwise multiplication takes them.
+__m128i weight_pair(std::int16_t first, std::int16_t second) {
+    return _mm_set1_epi32(
+        static_cast<int>(static_cast<std::uint32_t>(second) << 16 | static_cast<std::uint32_t>(first)));
+}
 
-    explicit Weights(const MipBilinear& w)
-        : near_pair(_mm_set1_epi32(
-              static_cast<int>(static_cast<std::uint32_t>(w.a1) << 16 | static_cast<std::uint32_t>(w.a0)))),
-          far_pair(_mm_set1_epi32(
-              static_cast<int>(static_cast<std::uint32_t>(w.b1) << 16 | static_cast<std::uint32_t>(w.b0)))),
-          half(_mm_set1_epi32(16384)) {}
+// Weighted sums of pixels p and q, in halves.
+struct Sums {
+    __m128i low;
+    __m128i high;
 };
 
-__m128i sample(const std::int16_t* near_row, const std::int16_t* far_row, std::ptrdiff_t step, const Weights& w) {
-    const __m128i a0 = load(near_row);
-    const __m128i a1 = load(near_row + step);
-    const __m128i b0 = load(far_row);
-    const __m128i b1 = load(far_row + step);
-    const __m128i low = _mm_add_epi32(_mm_madd_epi16(_mm_unpacklo_epi16(a0, a1), w.near_pair),
-                                      _mm_madd_epi16(_mm_unpacklo_epi16(b0, b1), w.far_pair));
-    const __m128i high = _mm_add_epi32(_mm_madd_epi16(_mm_unpackhi_epi16(a0, a1), w.near_pair),
-                                       _mm_madd_epi16(_mm_unpackhi_epi16(b0, b1), w.far_pair));
-    return _mm_packs_epi32(_mm_srai_epi32(_mm_add_epi32(low, w.half), 15),
-                           _mm_srai_epi32(_mm_add_epi32(high, w.half), 15));
+Sums weigh(__m128i p, __m128i q, __m128i pair) {
+    return {_mm_madd_epi16(_mm_unpacklo_epi16(p, q), pair), _mm_madd_epi16(_mm_unpackhi_epi16(p, q), pair)};
+}
+
+__m128i round_sums(const Sums& s) {
+    const __m128i half = _mm_set1_epi32(16384);
+    return _mm_packs_epi32(_mm_srai_epi32(_mm_add_epi32(s.low, half), 15),
+                           _mm_srai_epi32(_mm_add_epi32(s.high, half), 15));
+}
+
+// Groups of a whole row; the last one overlaps the one before.
+template <class Group>
+void for_groups(std::size_t count, const Group& group) {
+    for (std::size_t i = 0; i + kLanes <= count; i += kLanes) {
+        group(i);
+    }
+    group(count - kLanes);
+}
+
+// Slices often shift along one axis only: two of the four weights are 0 then, and their pixels are not read.
+template <bool kKeepMaximum>
+void blend(std::int16_t* dst, const std::int16_t* near_row, const std::int16_t* far_row, std::size_t count,
+           const MipBilinear& w) {
+    const auto put = [dst](std::size_t i, __m128i v) {
+        store(dst + i, kKeepMaximum ? _mm_max_epi16(load(dst + i), v) : v);
+    };
+    const auto blend_two = [&](const std::int16_t* q, __m128i pair) {
+        for_groups(count, [&](std::size_t i) { put(i, round_sums(weigh(load(near_row + i), load(q + i), pair))); });
+    };
+    if (w.b0 == 0 && w.b1 == 0) {
+        blend_two(near_row + w.step, weight_pair(w.a0, w.a1));
+        return;
+    }
+    if (w.a1 == 0 && w.b1 == 0) {
+        blend_two(far_row, weight_pair(w.a0, w.b0));
+        return;
+    }
+    const __m128i near_pair = weight_pair(w.a0, w.a1);
+    const __m128i far_pair = weight_pair(w.b0, w.b1);
+    for_groups(count, [&](std::size_t i) {
+        const Sums near = weigh(load(near_row + i), load(near_row + i + w.step), near_pair);
+        const Sums far = weigh(load(far_row + i), load(far_row + i + w.step), far_pair);
+        put(i, round_sums({_mm_add_epi32(near.low, far.low), _mm_add_epi32(near.high, far.high)}));
+    });
 }
 
 void max_row_bilinear(std::int16_t* dst, const std::int16_t* near_row, const std::int16_t* far_row, std::size_t count,
@@ -94,15 +126,7 @@ void max_row_bilinear(std::int16_t* dst, const std::int16_t* near_row, const std
         mip_scalar::max_row_bilinear(dst, near_row, far_row, count, weights);
         return;
     }
-    const Weights w(weights);
-    const std::ptrdiff_t step = weights.step;
-    const auto group = [&](std::size_t i) {
-        store(dst + i, _mm_max_epi16(load(dst + i), sample(near_row + i, far_row + i, step, w)));
-    };
-    for (std::size_t i = 0; i + kLanes <= count; i += kLanes) {
-        group(i);
-    }
-    group(count - kLanes);
+    blend<true>(dst, near_row, far_row, count, weights);
 }
 
 void row_bilinear(std::int16_t* dst, const std::int16_t* near_row, const std::int16_t* far_row, std::size_t count,
@@ -111,13 +135,7 @@ void row_bilinear(std::int16_t* dst, const std::int16_t* near_row, const std::in
         mip_scalar::row_bilinear(dst, near_row, far_row, count, weights);
         return;
     }
-    const Weights w(weights);
-    const std::ptrdiff_t step = weights.step;
-    const auto group = [&](std::size_t i) { store(dst + i, sample(near_row + i, far_row + i, step, w)); };
-    for (std::size_t i = 0; i + kLanes <= count; i += kLanes) {
-        group(i);
-    }
-    group(count - kLanes);
+    blend<false>(dst, near_row, far_row, count, weights);
 }
 
 // Transposes a tile of 8 x 8 pixels in three rounds of interleaving.

@@ -258,16 +258,4 @@ std::array<double, 2> to_pixel(const Request& request, const View& view, const V
             (dot(offset, view.axis_in_space(1)) - start[1]) / p.m_ScreenBox.GetHeight() * p.m_Height - 0.5};
 }
 
-void write_pgm(const std::string& path, const std::vector<short>& pixels, int width, int height, int low, int high) {
-    std::FILE* const file = std::fopen(path.c_str(), "wb");
-    if (file == nullptr) {
-        return;
-    }
-    std::fprintf(file, "P5\n%d %d\n255\n", width, height);
-    for (const short v : pixels) {
-        std::fputc(std::clamp((v - low) * 255 / std::max(high - low, 1), 0, 255), file);
-    }
-    std::fclose(file);
-}
-
 }  // namespace mip_model

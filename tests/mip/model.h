@@ -88,7 +88,4 @@ int principal_axis(const View& view);
 // Physical point to output pixel for a request.
 std::array<double, 2> to_pixel(const Request& request, const View& view, const Vec3& point_mm);
 
-// For looking at: a PGM file of the values low to high.
-void write_pgm(const std::string& path, const std::vector<short>& pixels, int width, int height, int low, int high);
-
 }  // namespace mip_model

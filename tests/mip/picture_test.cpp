@@ -71,17 +71,6 @@ TEST(MipPicture, LinearPathIsBilinearInsideSlicesAndMaximumAcross) {
         const Volume v = phantom(shape.dims, shape.spacing_mm, shape.is_signed);
         Request r(v);
         for (const View& view : kViews) {
-            if (std::getenv("MIP_DUMP")) {
-                static int n = 0;
-                r.set_view(view);
-                r.draw(true);
-                write_pgm("/tmp/mipdump/l" + std::to_string(100 + n) + ".pgm", r.output, r.p.m_Width, r.p.m_Height,
-                          -1100, 1500);
-                r.draw(false);
-                write_pgm("/tmp/mipdump/f" + std::to_string(100 + n) + ".pgm", r.output, r.p.m_Width, r.p.m_Height,
-                          -1100, 1500);
-                n++;
-            }
             if (shape.dims[2] == 1 && principal_axis(view) != 2) {
                 continue;  // seen edge on a single slice is one line
             }

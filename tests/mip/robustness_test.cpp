@@ -138,6 +138,7 @@ TEST(MipRobustness, CancellationAtEveryPointIsCleanAndLogged) {
 TEST(MipRobustness, FailuresOfTheLinearPathAreLogged) {
     const Volume v = phantom({20, 18, 12}, {1.0, 1.0, 1.0});
     std::string log;
+    reference_host::SetNumberOfServers(2);
     reference_host::SetLogLevel(7);
     reference_host::LogToCallback([&](const reference_host::LogLine& line) { log += line.text; });
     for (const double azimuth : {0.0, 90.0}) {
@@ -154,7 +155,8 @@ TEST(MipRobustness, FailuresOfTheLinearPathAreLogged) {
         EXPECT_TRUE(r.projector.IsComplete()) << "one picture and a few slices at once";
         EXPECT_EQ(log.find("tpict_alloc"), std::string::npos) << "pictures stay";
         faults = {};
-        faults.refuse_map = azimuth == 0.0 ? 2 : 2 + 12;  // the picture, then the pool's blocks, then the slices
+        faults.refuse_map =
+            azimuth == 0.0 ? 2 : 2 + 4;  // the picture, two blocks of the pool for each server, the slices
         reference_host::SetPagerFaults(faults);
         r.draw(true);
         reference_host::SetPagerFaults({});
@@ -163,6 +165,7 @@ TEST(MipRobustness, FailuresOfTheLinearPathAreLogged) {
                                           : "LinProjectXZSlices: Memory mapping failure!\n"),
                   std::string::npos);
     }
+    reference_host::SetNumberOfServers(0);
     reference_host::LogToCallback({});
     reference_host::SetLogLevel(0);
 }
