@@ -1,6 +1,7 @@
 // Working state of a maximum-intensity projection while its frame is drawn. Internal to the library.
 #pragma once
 
+#include "host/images.h"
 #include "host/memory_pager.h"
 #include "ip_volr/kernels/mip_kernels.h"
 
@@ -104,10 +105,12 @@ struct MipFrame {
     std::vector<int> tile_rows;
 
     // Linear path with transposed slices: two blocks for each subtask, in the pool (mapped) or, where it is too small,
-    // in own memory; and the size of the slices before transposition.
+    // in own memory.
     std::vector<std::int16_t*> transposed;
     std::vector<MEM_PagerInfo*> pool_blocks;
     std::vector<std::int16_t> own_transposed;
+    // Linear path: the source's slices, null where one is missing, and their size before transposition.
+    std::vector<IP_Slice*> source_slices;
     int source_width = 0;
     int source_rows = 0;
 

@@ -168,7 +168,7 @@ void IP_MIPProjector::LinProjectBox(IP_VolRParamsMIP* p, IP_VolRBoxParamsMIP* bo
     IP_VolData* const volume = p->m_VolData->GetVolData(k);
     int dims[3];
     volume->GetBox()->GetDims(dims);
-    if (dims[0] <= 0 || dims[1] <= 0 || dims[2] <= 0 || volume->GetNumberOfSlicePointers() < dims[2]) {
+    if (dims[0] <= 0 || dims[1] <= 0 || dims[2] <= 0) {
         return;
     }
 
@@ -182,7 +182,15 @@ void IP_MIPProjector::LinProjectBox(IP_VolRParamsMIP* p, IP_VolRBoxParamsMIP* bo
     m_SliceCount = dims[2];
     m_SliceW = dims[transposed ? 1 : 0];
     m_SliceH = dims[transposed ? 0 : 1];
-    m_Slices = volume->GetSlices();
+    f.source_slices.resize(static_cast<std::size_t>(dims[2]));
+    for (int i = 0; i < dims[2]; i++) {
+        // A slice of another size than the lattice holds nothing that could be placed.
+        IP_Slice* const slice = volume->GetSlice(i);
+        const bool fits =
+            slice != nullptr && slice->GetAttributes().width == dims[0] && slice->GetAttributes().height == dims[1];
+        f.source_slices[static_cast<std::size_t>(i)] = fits ? slice : nullptr;
+    }
+    m_Slices = f.source_slices.data();
     m_FirstSlice = 0;
     m_FirstWithData = volume->GetFirstSliceInd();
     f.stored_width = m_SliceW;
