@@ -131,45 +131,42 @@ TEST(MipClipping, PicturesShowOnlyVoxelsWhoseCentresAreInside) {
 
 TEST(MipClipping, ChangesReachTheNextFrame) {
     const Volume v = phantom({32, 32, 24}, {1.0, 1.0, 1.0});
+    const Planes planes = {{0.0F, 0.0F, 1.0F, -12.3F}};
     Request r(v);
     r.set_view({20, 10, 0});
     for (const bool linear : {true, false}) {
+        const auto picture = [&] {
+            r.draw(linear);
+            return r.output;
+        };
         r.p.m_ClipManager = nullptr;
-        r.draw(linear);
-        const std::vector<short> whole = r.output;
-        r.clip({{0.0F, 0.0F, 1.0F, -12.3F}});
-        r.draw(linear);
-        const std::vector<short> half = r.output;
-        EXPECT_NE(whole, half);
+        const std::vector<short> whole = picture();
+        r.clip(planes);
+        const std::vector<short> part = picture();
+        EXPECT_NE(part, whole);
 
         // Moved through its pointer, switched off, freed; and bounds lost to a volume that was prepared anew.
         const float moved[4] = {0.0F, 0.0F, 1.0F, -6.3F};
         r.clip_manager.GetClipPlane(0)->SetPlaneEq(moved);
         r.clip_manager.PlanesChanged();
-        r.draw(linear);
-        EXPECT_NE(r.output, half);
+        EXPECT_NE(picture(), part);
         r.clip_manager.SetClipPlaneActive(0, false);
-        r.draw(linear);
-        EXPECT_EQ(r.output, whole);
-        r.clip({{0.0F, 0.0F, 1.0F, -12.3F}});
-        r.draw(linear);
+        EXPECT_EQ(picture(), whole);
+        r.clip(planes);
+        EXPECT_EQ(picture(), part);
         static_cast<IP_VolDataProj*>(r.p.m_AltVolData->GetVolData(0))->DisconnectBounds();
-        r.draw(linear);
-        EXPECT_EQ(r.output, half);
+        EXPECT_EQ(picture(), part);
         r.clip_manager.FreeAllClipPlane(CLIP_ALL);
-        r.draw(linear);
-        EXPECT_EQ(r.output, whole);
-
-        // The linear path also clips without prepared data that could keep bounds.
-        if (linear) {
-            r.clip({{0.0F, 0.0F, 1.0F, -12.3F}});
-            const auto prepared = r.p.m_AltVolData;
-            r.p.m_AltVolData = nullptr;
-            r.draw(true);
-            EXPECT_EQ(r.output, half);
-            r.p.m_AltVolData = prepared;
-        }
+        EXPECT_EQ(picture(), whole);
     }
+
+    // The linear path also clips without prepared data that could keep bounds.
+    r.clip(planes);
+    r.draw(true);
+    const std::vector<short> part = r.output;
+    r.p.m_AltVolData = nullptr;
+    r.draw(true);
+    EXPECT_EQ(r.output, part);
 }
 
 TEST(MipClipping, SlicesOutsideAreNotEvenMapped) {
