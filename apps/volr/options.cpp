@@ -2,6 +2,7 @@
 
 #include "scene/error.h"
 #include "scene/output_file.h"
+#include "scene/preset_file.h"
 #include "scene/presets.h"
 
 #include <charconv>
@@ -222,7 +223,8 @@ void LookOptions::AddTo(CLI::App& verb) {
                         "colours and opacities by name (default by modality; volr presets lists them)")
             ->check(CLI::IsMember(Names(names)))
             ->group(group);
-    verb.add_option("--transfer", transfer_path, "colours and opacities from a preset file (JSON)")
+    verb.add_option("--transfer", transfer_path,
+                    "colours and opacities from a preset file: JSON (ours or a colour map), volume-property XML or .vp")
         ->excludes(by_name)
         ->group(group);
     verb.add_option("--shift", shift, "moves them by so many HU")->capture_default_str()->group(group);
@@ -246,7 +248,7 @@ void LookOptions::AddTo(CLI::App& verb) {
 std::optional<scene::TransferFunction> LookOptions::Function() const {
     CheckFinite("--shift", shift);
     if (!transfer_path.empty()) {
-        return scene::TransferFromJson(scene::ReadFile(transfer_path, kLargestPresetFile), transfer_path);
+        return scene::TransferFromFile(scene::ReadFile(transfer_path, kLargestPresetFile), transfer_path);
     }
     if (!preset.empty()) {
         return *scene::FindPreset(preset);
