@@ -1,4 +1,5 @@
 // volr: pictures of medical image stacks from the command line.
+#include "apps/volr/self_description.h"
 #include "apps/volr/verbs.h"
 #include "host/tasks.h"
 #include "ip_volr/IP_VOLR_Info.h"
@@ -25,6 +26,16 @@ int TellUsage(const CLI::App& app, const std::string& why) {
     const std::vector<CLI::App*> named = app.get_subcommands();
     const std::string command = named.empty() ? "volr" : "volr " + named.front()->get_name();
     return Tell(kWrongUsage, command + ": " + why + " (" + command + " --help shows what it takes)");
+}
+
+// What packagers and shells ask for; not among the verbs.
+void AddSelfDescription(CLI::App& app, volr::Work& run) {
+    app.add_subcommand("completion", "prints a completion script for bash and zsh")->group("")->callback([&app, &run] {
+        run = [&app] { std::fputs(volr::CompletionScript(app).c_str(), stdout); };
+    });
+    app.add_subcommand("man", "prints the manual page")->group("")->callback([&app, &run] {
+        run = [&app] { std::fputs(volr::ManPage(app, IP_VOLR_GetInfo().version).c_str(), stdout); };
+    });
 }
 
 int Work(const volr::Work& run) {
@@ -64,6 +75,8 @@ int main(int argc, char** argv) {
     volr::AddRotateVerb(app, run);
     volr::AddVesselVerb(app, run);
     volr::AddPickVerb(app, run);
+
+    AddSelfDescription(app, run);
 
     try {
         app.parse(argc, argv);

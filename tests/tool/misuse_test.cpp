@@ -109,6 +109,9 @@ TEST_F(Misuse, HelpIsThereForEveryVerbWithExamples) {
         EXPECT_NE(help.out.find("Examples:"), std::string::npos) << verb;
         EXPECT_EQ(help.err, "");
     }
+    // Completion and manual page know every option's values.
+    EXPECT_NE(Volr({"completion"}).out.find("--view) COMPREPLY=($(compgen -W \"anterior"), std::string::npos);
+    EXPECT_NE(Volr({"man"}).out.find("\\-\\-depth\\-cue"), std::string::npos);
     EXPECT_EQ(Volr({"--version"}).out.rfind("volr ", 0), 0U);
 }
 
