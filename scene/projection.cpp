@@ -66,8 +66,10 @@ void Projection::Prepare() {
     }
     auto prepared = std::make_shared<IP_MultiVolDataIncMIP>();
     constexpr int kReduction = 2;
-    if (!prepared->Rebuild(m_Params.m_VolData.get(), nullptr, false, kReduction, 1, 1, 0, false,
-                           m_Source.Info().min_value)) {
+    IP_MultiRealListVol masks;
+    masks.AddRealListVol(m_Mask.get());
+    if (!prepared->Rebuild(m_Params.m_VolData.get(), m_Mask != nullptr ? &masks : nullptr, m_Mask != nullptr,
+                           kReduction, 1, m_MaskVersion, 0, false, m_Source.Info().min_value)) {
         TCO_RunnableSelf().Service();
         NoMemory();
     }
@@ -78,6 +80,38 @@ void Projection::Prepare() {
 void Projection::SetClipping(const std::vector<ClipPlane>& planes) {
     m_Planes = planes;
     PassPlanes();
+}
+
+void Projection::SetMask(std::shared_ptr<IP_RealListVol> mask) {
+    m_Mask = std::move(mask);
+    ++m_MaskVersion;
+    if (m_Linear) {
+        auto masked =
+            m_Mask != nullptr ? std::make_unique<MaskedVolume>(m_Source, *m_Mask, m_Source.Info().min_value) : nullptr;
+        const auto volume = std::make_shared<IP_VolData>(masked != nullptr ? *masked->Volume() : *m_Source.Volume());
+        *volume->GetBox() = ProjectionBox(m_Source.Info());
+        m_Params.m_VolData->ResetNvoldatas();
+        m_Params.m_VolData->AddVolData(volume);
+        m_Volume = volume;
+        m_Masked = std::move(masked);
+    } else if (m_Prepared != nullptr) {
+        PassMask();
+    }
+}
+
+// Refills the prepared slices, which go on pointing at the mask.
+void Projection::PassMask() {
+    if (m_Mask == nullptr) {
+        // An empty one brings back what an earlier one left out.
+        m_Mask = std::make_shared<IP_RealListVol>(ProjectionBox(m_Source.Info()));
+    }
+    IP_MultiRealListVol masks;
+    masks.AddRealListVol(m_Mask.get());
+    if (!m_Prepared->CopyFastFromSlow(m_Params.m_VolData.get(), &masks, false, 1, m_MaskVersion,
+                                      m_Source.Info().min_value)) {
+        TCO_RunnableSelf().Service();
+        NoMemory();
+    }
 }
 
 void Projection::SetSlab(const std::optional<Slab>& slab) {

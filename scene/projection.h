@@ -7,6 +7,7 @@
 #include "ip_volr/IP_VolRParams.h"
 #include "scene/clipping.h"
 #include "scene/picture.h"
+#include "scene/tissues.h"
 #include "scene/views.h"
 #include "scene/volume_source.h"
 
@@ -51,6 +52,8 @@ public:
     // Makes what the fast path draws; a frame would make it otherwise. Throws Error and the host's cancellation.
     void Prepare();
     void SetClipping(const std::vector<ClipPlane>& planes);
+    // Leaves out the voxels of a mask (of the source's size); null leaves out nothing. Throws as Prepare does.
+    void SetMask(std::shared_ptr<IP_RealListVol> mask);
     void SetSlab(const std::optional<Slab>& slab);
     // Weight of the far end of the volume, 0 to 1; the near end counts fully.
     void SetDepthCue(const std::optional<double>& floor);
@@ -66,10 +69,14 @@ public:
 
 private:
     void PassPlanes();
+    void PassMask();
 
     VolumeSource& m_Source;
     bool m_Linear;
     std::shared_ptr<IP_VolData> m_Volume;  // the source's slices in a frame of the projection's own
+    std::shared_ptr<IP_RealListVol> m_Mask;
+    std::unique_ptr<MaskedVolume> m_Masked;  // the source without the mask, for the linear path
+    int m_MaskVersion = 1;
     std::shared_ptr<IP_MultiVolDataIncMIP> m_Prepared;
     IP_VolRParamsMIP m_Params;
     IP_VolRBoxParamsMIP m_BoxA;

@@ -73,10 +73,26 @@ VolumeRendering::VolumeRendering(VolumeSource& source) : m_Source(source) {
 }
 
 void VolumeRendering::SetTransfer(const TransferFunction& function, bool lit) {
-    m_Tables.clear();
-    m_Tables.push_back(std::make_unique<TransferTables>(function, m_Source.Stored()));
+    m_Tables = std::make_unique<TransferTables>(function, m_Source.Stored());
     m_Lit = lit;
     PassTables();
+}
+
+void VolumeRendering::SetTissues(std::shared_ptr<IP_MultiVolData> indices, const TissuePlan& plan) {
+    m_TissueTables = {};
+    for (int i = 0; i < kTissueTables && indices != nullptr; ++i) {
+        const bool in_use = i == TissuePlan::kRest || i < static_cast<int>(plan.looks.size());
+        if (in_use && plan.LookOf(i).kind != TissueLook::Kind::kAsVolume) {
+            m_TissueTables[static_cast<std::size_t>(i)] =
+                std::make_unique<TransferTables>(plan.LookOf(i).function, m_Source.Stored());
+        }
+    }
+    // The engine lets go of the indices before they end.
+    m_Engine.SetVolumeTissues(indices.get());
+    m_Tissues = std::move(indices);
+    if (m_Tables != nullptr) {
+        PassTables();
+    }
 }
 
 void VolumeRendering::PassTables() {
@@ -93,7 +109,7 @@ void VolumeRendering::PassTables() {
 }
 
 const TransferTables& VolumeRendering::TablesOf(std::size_t tissue) const {
-    return tissue + 1 < m_Tables.size() ? *m_Tables[tissue] : *m_Tables.back();
+    return m_TissueTables[tissue] != nullptr ? *m_TissueTables[tissue] : *m_Tables;
 }
 
 std::array<const std::uint32_t*, 16> VolumeRendering::ColourTables() const {

@@ -4,6 +4,7 @@
 #include "ip_volr/IP_VOLRC_VolumeRenderingRC.h"
 #include "scene/clipping.h"
 #include "scene/picture.h"
+#include "scene/tissues.h"
 #include "scene/transfer_function.h"
 #include "scene/views.h"
 #include "scene/volume_source.h"
@@ -40,6 +41,9 @@ public:
 
     // One transfer function (not relative) for all voxels. Unlit: colours as they stand in the table.
     void SetTransfer(const TransferFunction& function, bool lit);
+    // Tissues with looks of their own; null indices remove them. `indices` are those of MakeTissueVolume for the plan.
+    void SetTissues(std::shared_ptr<IP_MultiVolData> indices, const TissuePlan& plan);
+    IP_VolData* TissueIndices() const { return m_Tissues != nullptr ? m_Tissues->GetVolData(0) : nullptr; }
     void SetClipping(const std::vector<ClipPlane>& planes);
     void SetQuality(RenderQuality quality);
     void SetView(const Camera& camera, const Light& light);
@@ -47,7 +51,7 @@ public:
     // Draws a frame. Throws Error when the engine cannot draw, and the host's cancellation.
     Picture Draw(const Background& background);
     // The tables that it draws with, by tissue (15 is "no tissue"), each pointing at stored value 0. Valid until the
-    // transfer function changes.
+    // transfer function or the tissues change.
     std::array<const std::uint32_t*, 16> ColourTables() const;
     // Whether a position is in front of what the last frame shows, or at most `tolerance_mm` behind.
     bool IsVisible(const Vec3& position_mm, double tolerance_mm);
@@ -58,7 +62,10 @@ private:
 
     VolumeSource& m_Source;
     IP_VOLRC_VolumeRenderingRC m_Engine{0, 0};
-    std::vector<std::unique_ptr<TransferTables>> m_Tables;  // of tissue 0, 1, ...; table 15 is "no tissue"
+    std::unique_ptr<TransferTables> m_Tables;
+    // Tables of index 0, 1, ...; null where the tissue looks like the volume.
+    std::array<std::unique_ptr<TransferTables>, TissuePlan::kRest + 1> m_TissueTables;
+    std::shared_ptr<IP_MultiVolData> m_Tissues;
     bool m_Lit = true;
     RenderQuality m_Quality = RenderQuality::kEnhanced;
     int m_Width = 0;
