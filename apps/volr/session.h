@@ -52,6 +52,7 @@ public:
     Session& operator=(const Session&) = delete;
 
     bool Quiet() const { return m_Options.quiet; }
+    int NumThreads() const { return m_Options.threads; }  // 0 means one for each processor
     bool IsCancelled() const;
     void ThrowIfCancelled() const;  // throws TCO_CANCEL_EXCEPTION
 

@@ -1,6 +1,7 @@
 // volr mip: a maximum-intensity projection as a PNG.
 #include "apps/volr/projection_options.h"
 #include "apps/volr/session.h"
+#include "apps/volr/tissue_options.h"
 #include "apps/volr/verbs.h"
 #include "scene/annotation.h"
 #include "scene/output_file.h"
@@ -19,6 +20,7 @@ struct Options {
     int bits = 8;
     ViewOptions view;
     ProjectionOptions projection;
+    TissueOptions tissues;
     ClipOptions clip;
     bool annotate = false;
     RunOptions running;
@@ -56,6 +58,7 @@ void Write(const Options& options, const scene::ProjectedPicture& picture, scene
 void Run(const Options& options) {
     const scene::View view = options.view.Parse();
     options.projection.Check();
+    options.tissues.Check();
     options.clip.Check();
     if (options.annotate && options.bits == 16) {
         Misuse("--annotate", "draws into 8-bit pictures only", "leave out --bits 16 or --annotate");
@@ -67,10 +70,12 @@ void Run(const Options& options) {
 
     Session session(options.running);
     const std::unique_ptr<scene::VolumeSource> source = session.Open(options.input);
+    const Tissues tissues(session, options.tissues, {}, *source);
     const Stopwatch prepare_watch;
     scene::Projection projection(*source, options.projection.Linear());
     const scene::Camera camera = scene::MakeCamera(view, source->GetSubject());
     options.projection.Apply(projection);
+    tissues.Apply(projection);
     projection.SetClipping(options.clip.Parse(*source));
     projection.SetView(camera, view);
     projection.Prepare();
@@ -95,6 +100,7 @@ void AddMipVerb(CLI::App& app, Work& run) {
     verb->add_option("-o,--output", options->output, "PNG to write")->required();
     options->view.AddTo(*verb);
     options->projection.AddTo(*verb);
+    options->tissues.AddTo(*verb);
     options->clip.AddTo(*verb);
     verb->add_option("--bits", options->bits, "bits of a PNG pixel")
         ->check(CLI::IsMember({8, 16}))
@@ -108,7 +114,8 @@ void AddMipVerb(CLI::App& app, Work& run) {
     verb->footer(
         "Examples:\n  volr mip study/ -o mip.png\n  volr mip study/ --view left --window 300,800 --slab 40 -o "
         "slab.png\n"
-        "  volr mip head.nrrd --fast --depth-cue 0.3 --azimuth 30 -o cue.png");
+        "  volr mip head.nrrd --fast --depth-cue 0.3 --azimuth 30 -o cue.png\n"
+        "  volr mip study/ --labels bones.nii.gz --tissue 1=hidden -o vessels.png");
     verb->callback([options, &run] { run = [options] { Run(*options); }; });
 }
 

@@ -1,6 +1,7 @@
 // volr rotate: a full turn as numbered pictures.
 #include "apps/volr/projection_options.h"
 #include "apps/volr/session.h"
+#include "apps/volr/tissue_options.h"
 #include "apps/volr/verbs.h"
 #include "scene/annotation.h"
 #include "scene/error.h"
@@ -23,6 +24,7 @@ struct Options {
     ViewOptions view;
     LookOptions look;
     ProjectionOptions projection;
+    TissueOptions tissues;
     ClipOptions clip;
     PictureOptions picture;
     RunOptions running;
@@ -31,9 +33,10 @@ struct Options {
 // Draws the picture of one camera.
 using Drawer = std::function<scene::Picture(const scene::Camera&, const scene::View&)>;
 
-Drawer RenderDrawer(const Options& options, scene::VolumeSource& source) {
+Drawer RenderDrawer(const Options& options, const Tissues& tissues, scene::VolumeSource& source) {
     auto rendering = std::make_shared<scene::VolumeRendering>(source);
     rendering->SetTransfer(options.look.FunctionFor(source), options.look.Lit());
+    tissues.Apply(*rendering);
     rendering->SetQuality(options.look.ParseQuality());
     rendering->SetClipping(options.clip.Parse(source));
     return [rendering, light = options.look.ParseLight(), background = options.picture.ParseBackground()](
@@ -44,9 +47,10 @@ Drawer RenderDrawer(const Options& options, scene::VolumeSource& source) {
 }
 
 // The first frame's window holds for the whole turn.
-Drawer MipDrawer(const Options& options, scene::VolumeSource& source) {
+Drawer MipDrawer(const Options& options, const Tissues& tissues, scene::VolumeSource& source) {
     auto projection = std::make_shared<scene::Projection>(source, options.projection.Linear());
     options.projection.Apply(*projection);
+    tissues.Apply(*projection);
     projection->SetClipping(options.clip.Parse(source));
     projection->Prepare();
     auto window = std::make_shared<std::optional<scene::DisplayWindow>>(options.projection.ParseWindow());
@@ -72,6 +76,7 @@ void Run(const Options& options) {
     options.look.ParseLight();
     options.look.Function();
     options.projection.Check();
+    options.tissues.Check();
     options.clip.Check();
     std::error_code error;
     std::filesystem::create_directories(options.folder, error);
@@ -79,8 +84,10 @@ void Run(const Options& options) {
 
     Session session(options.running);
     const std::unique_ptr<scene::VolumeSource> source = session.Open(options.input);
+    const Tissues tissues(session, options.tissues, options.look, *source);
     const Stopwatch prepare_watch;
-    const Drawer draw = options.mode == "mip" ? MipDrawer(options, *source) : RenderDrawer(options, *source);
+    const Drawer draw =
+        options.mode == "mip" ? MipDrawer(options, tissues, *source) : RenderDrawer(options, tissues, *source);
     session.NotePrepared(prepare_watch.Seconds());
 
     Progress progress("drawing", session.Quiet());
@@ -122,6 +129,7 @@ void AddRotateVerb(CLI::App& app, Work& run) {
         ->capture_default_str();
     options->view.AddTo(*verb);
     options->look.AddTo(*verb);
+    options->tissues.AddTo(*verb);
     options->projection.AddTo(*verb);
     options->clip.AddTo(*verb);
     options->picture.AddTo(*verb);
