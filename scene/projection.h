@@ -54,6 +54,7 @@ public:
     void SetClipping(const std::vector<ClipPlane>& planes);
     // Leaves out the voxels of a mask (of the source's size); null leaves out nothing. Throws as Prepare does.
     void SetMask(std::shared_ptr<IP_RealListVol> mask);
+    const IP_RealListVol* Mask() const { return m_Mask.get(); }
     void SetSlab(const std::optional<Slab>& slab);
     // Weight of the far end of the volume, 0 to 1; the near end counts fully.
     void SetDepthCue(const std::optional<double>& floor);

@@ -80,11 +80,15 @@ void VolumeRendering::SetTransfer(const TransferFunction& function, bool lit) {
 
 void VolumeRendering::SetTissues(std::shared_ptr<IP_MultiVolData> indices, const TissuePlan& plan) {
     m_TissueTables = {};
-    for (int i = 0; i < kTissueTables && indices != nullptr; ++i) {
-        const bool in_use = i == TissuePlan::kRest || i < static_cast<int>(plan.looks.size());
-        if (in_use && plan.LookOf(i).kind != TissueLook::Kind::kAsVolume) {
-            m_TissueTables[static_cast<std::size_t>(i)] =
-                std::make_unique<TransferTables>(plan.LookOf(i).function, m_Source.Stored());
+    const auto make_tables = [&](std::size_t index, const TissueLook& look) {
+        if (look.kind != TissueLook::Kind::kAsVolume) {
+            m_TissueTables[index] = std::make_unique<TransferTables>(look.function, m_Source.Stored());
+        }
+    };
+    if (indices != nullptr) {
+        make_tables(TissuePlan::kRest, plan.rest);
+        for (std::size_t i = 0; i < plan.looks.size(); ++i) {
+            make_tables(i, plan.looks[i]);
         }
     }
     // The engine lets go of the indices before they end.

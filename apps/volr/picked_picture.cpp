@@ -28,6 +28,7 @@ void PickedPictureOptions::AddTo(CLI::App& verb) {
     view.AddTo(verb);
     projection.AddTo(verb);
     look.AddTo(verb);
+    tissues.AddTo(verb);
     clip.AddTo(verb);
     running.AddTo(verb, false);
 }
@@ -37,6 +38,7 @@ void PickedPictureOptions::Check() const {
     projection.Check();
     look.Function();
     look.ParseLight();
+    tissues.Check();
     clip.Check();
 }
 
@@ -55,20 +57,26 @@ std::vector<Pixel> PickedPictureOptions::ParsePixels() const {
     return parsed;
 }
 
-PickedPicture::PickedPicture(const PickedPictureOptions& options, scene::VolumeSource& source)
-    : m_Options(options), m_Source(source) {
+PickedPicture::PickedPicture(Session& session, const PickedPictureOptions& options, scene::VolumeSource& source)
+    : m_Options(options), m_Source(source), m_Tissues(session, options.tissues, options.look, source) {
     const scene::View view = options.view.Parse();
     m_Camera = scene::MakeCamera(view, source.GetSubject());
     m_Planes = options.clip.Parse(source);
     if (options.on == "mip") {
         m_Projection.emplace(source, options.projection.Linear());
         options.projection.Apply(*m_Projection);
+        m_Tissues.Apply(*m_Projection);
+        if (m_Projection->Mask() != nullptr) {
+            m_Shown.emplace(*m_Projection->Mask());
+            m_Shown->Negate();
+        }
         m_Projection->SetClipping(m_Planes);
         m_Projection->SetView(m_Camera, view);
         return;
     }
     m_Rendering.emplace(source);
     m_Rendering->SetTransfer(options.look.FunctionFor(source), options.look.Lit());
+    m_Tissues.Apply(*m_Rendering);
     m_Rendering->SetQuality(options.look.ParseQuality());
     m_Rendering->SetClipping(m_Planes);
     m_Rendering->SetView(m_Camera, options.look.ParseLight());
@@ -82,12 +90,13 @@ std::optional<scene::ViewingRay> PickedPicture::Ray(const Pixel& pixel) {
 
 scene::PickedPoint PickedPicture::PickAt(const Pixel& pixel) {
     return m_Projection ? scene::PickOnProjection(*m_Projection, m_Source, pixel[0], pixel[1])
-                        : scene::PickOnRendering(m_Source, nullptr, *m_Opacities, Ray(pixel));
+                        : scene::PickOnRendering(m_Source, m_Rendering->TissueIndices(), *m_Opacities, Ray(pixel));
 }
 
 scene::VesselPick PickedPicture::VesselAt(const Pixel& pixel) {
-    return m_Projection ? scene::FindVesselOnProjection(m_Source, nullptr, Ray(pixel))
-                        : scene::FindVesselOnRendering(m_Source, nullptr, *m_Opacities, Ray(pixel));
+    return m_Projection
+               ? scene::FindVesselOnProjection(m_Source, m_Shown ? &*m_Shown : nullptr, Ray(pixel))
+               : scene::FindVesselOnRendering(m_Source, m_Rendering->TissueIndices(), *m_Opacities, Ray(pixel));
 }
 
 scene::Picture PickedPicture::Draw(Session& session, const scene::Background& background) {

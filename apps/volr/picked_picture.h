@@ -4,6 +4,7 @@
 #include "apps/volr/options.h"
 #include "apps/volr/projection_options.h"
 #include "apps/volr/session.h"
+#include "apps/volr/tissue_options.h"
 #include "scene/picking.h"
 #include "scene/picture.h"
 #include "scene/vessel_search.h"
@@ -25,6 +26,7 @@ struct PickedPictureOptions {
     bool json = false;
     ViewOptions view;
     LookOptions look;
+    TissueOptions tissues;
     ClipOptions clip;
     ProjectionOptions projection;
     RunOptions running;
@@ -38,7 +40,7 @@ struct PickedPictureOptions {
 // The picture, set up but not drawn: picks need no frame.
 class PickedPicture {
 public:
-    PickedPicture(const PickedPictureOptions& options, scene::VolumeSource& source);
+    PickedPicture(Session& session, const PickedPictureOptions& options, scene::VolumeSource& source);
 
     const scene::Camera& Camera() const { return m_Camera; }
     scene::PickedPoint PickAt(const Pixel& pixel);
@@ -51,8 +53,10 @@ private:
 
     const PickedPictureOptions& m_Options;
     scene::VolumeSource& m_Source;
+    Tissues m_Tissues;
     scene::Camera m_Camera;
     std::vector<scene::ClipPlane> m_Planes;
+    std::optional<IP_ListVol> m_Shown;              // voxels that a projection does not leave out; empty: all
     std::optional<scene::Projection> m_Projection;  // one of the two
     std::optional<scene::VolumeRendering> m_Rendering;
     std::optional<scene::OpacityTables> m_Opacities;

@@ -38,7 +38,7 @@ void Run(const PickedPictureOptions& options) {
     options.Check();
     Session session(options.running);
     const std::unique_ptr<scene::VolumeSource> source = session.Open(options.input);
-    PickedPicture picture(options, *source);
+    PickedPicture picture(session, options, *source);
 
     Json all = Json::array();
     for (const Pixel& pixel : options.ParsePixels()) {

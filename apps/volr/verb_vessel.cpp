@@ -147,7 +147,7 @@ void Run(const Options& options) {
 
     Session session(options.picked.running);
     const std::unique_ptr<scene::VolumeSource> source = session.Open(options.picked.input);
-    PickedPicture picture(options.picked, *source);
+    PickedPicture picture(session, options.picked, *source);
     const std::vector<Result> results = SearchAndPrint(options, picture, session);
     if (!options.markups.empty()) {
         scene::WriteFile(options.markups, Markups(results));
