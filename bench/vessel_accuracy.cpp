@@ -361,7 +361,7 @@ scene::ImportedVolume Imported(const Phantom& phantom) {
 struct Plan {
     scene::PhantomRequest phantom;
     int num_views = 20;
-    int picks_each = 12;
+    int picks_each = 40;
 };
 
 // Views all round: the azimuth goes once around while the elevation swings.
