@@ -25,11 +25,9 @@ struct DirectionResult {
 
 // The brightest sample that is no calcification and above the running maximum, or -1.
 int find_brightest_sample(VesselRaySampler& sampler, int& running_maximum) {
-    int size[3];
-    sampler.DataSize(size);
     int first = 0;
-    int last = sampler.Ray().NumSamples();
-    sampler.Ray().ClampToVolume(size, first, last);
+    int last = 0;
+    sampler.SamplesInside(first, last);
 
     int brightest = -1;
     for (int i = first; i < last; ++i) {

@@ -25,11 +25,9 @@ int find_dominant_sample(VesselRaySampler& sampler, double opacity_state[2]) {
     const double scale = sampler.Ray().StepMm();
 
     // Samples outside the volume contribute nothing.
-    int size[3];
-    sampler.DataSize(size);
     int first = 0;
-    int last = sampler.Ray().NumSamples();
-    sampler.Ray().ClampToVolume(size, first, last);
+    int last = 0;
+    sampler.SamplesInside(first, last);
 
     int dominant = -1;
     for (int i = first; i < last; ++i) {

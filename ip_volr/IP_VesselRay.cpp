@@ -88,6 +88,14 @@ void VesselRaySampler::DataSize(int size[3]) const {
     size[2] = m_Data.depth();
 }
 
+void VesselRaySampler::SamplesInside(int& first, int& last) const {
+    int size[3];
+    DataSize(size);
+    first = 0;
+    last = m_Ray.NumSamples();
+    m_Ray.ClampToVolume(size, first, last);
+}
+
 bool VesselRaySampler::InsideVolume(const double point[3]) const {
     int size[3];
     DataSize(size);

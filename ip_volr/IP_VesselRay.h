@@ -37,7 +37,8 @@ public:
 
     const VesselRay& Ray() const { return m_Ray; }
     voldata_manager& Data() { return m_Data; }
-    void DataSize(int size[3]) const;
+    // The samples [first, last) that lie inside the volume.
+    void SamplesInside(int& first, int& last) const;
 
     int Value(int i);                     // rescaled
     double Opacity(int i, double scale);  // 0 outside the volume
@@ -46,6 +47,7 @@ public:
     VesselClass Classify(int i, VesselStatistics& statistics);
 
 private:
+    void DataSize(int size[3]) const;
     bool InsideVolume(const double point[3]) const;
     bool InsideMask(const double point[3]) const;
 
