@@ -24,8 +24,9 @@ int Tell(ExitStatus status, std::string text) {
 
 int TellUsage(const CLI::App& app, const std::string& why) {
     const std::vector<CLI::App*> named = app.get_subcommands();
-    const std::string command = named.empty() ? "volr" : "volr " + named.front()->get_name();
-    return Tell(kWrongUsage, command + ": " + why + " (" + command + " --help shows what it takes)");
+    const std::string verb = named.empty() ? "" : named.front()->get_name();
+    return Tell(kWrongUsage, (verb.empty() ? "command line" : verb) + ": " + why + " (volr " + verb +
+                                 (verb.empty() ? "" : " ") + "--help shows what it takes)");
 }
 
 // What packagers and shells ask for; not among the verbs.

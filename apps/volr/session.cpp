@@ -28,6 +28,9 @@ void CancelOnSignal(int signal_number) {
     token->Cancel();
 }
 
+// A row or column of so many voxels is left out by the ray caster, half at each end.
+constexpr int kVoxelsWithoutRays = 5;
+
 int LogLevelByName(const std::string& name) {
     return name == "error" ? 3 : name == "warning" ? 4 : name == "information" ? 6 : name == "trace" ? 7 : 0;
 }
@@ -112,11 +115,26 @@ scene::ImportedVolume Session::Import(const InputOptions& input) {
     m_ImportSeconds += watch.Seconds();
 
     for (const std::string& warning : volume.warnings) {
-        if (!Quiet()) {
-            std::fprintf(stderr, "volr: warning: %s\n", warning.c_str());
-        }
+        Warn(warning);
     }
     return volume;
+}
+
+void Session::Warn(const std::string& warning) const {
+    if (!Quiet()) {
+        std::fprintf(stderr, "volr: warning: %s\n", warning.c_str());
+    }
+}
+
+void Session::WarnIfTooFlatForRays(const scene::VolumeSource& source) const {
+    const std::array<int, 3>& dims = source.Info().dims;
+    const int shortest = std::min(dims[0], dims[1]);  // still shorter ones are refused
+    if (shortest >= kVoxelsWithoutRays && (shortest == kVoxelsWithoutRays || dims[2] == 1)) {
+        Warn("a volume of " + std::to_string(dims[0]) + " x " + std::to_string(dims[1]) + " x " +
+             std::to_string(dims[2]) +
+             " voxels has no depth to cast rays through: the picture shows nothing or a sliver " +
+             "(volr mip draws it)");
+    }
 }
 
 std::unique_ptr<scene::VolumeSource> Session::Open(const InputOptions& input) {

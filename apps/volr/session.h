@@ -60,6 +60,11 @@ public:
     std::unique_ptr<scene::VolumeSource> Open(const InputOptions& input);
     scene::ImportedVolume Import(const InputOptions& input);
 
+    void Warn(const std::string& warning) const;
+    // The ray caster leaves out two and a half voxels at each end of a row and of a column, half a slice at each end of
+    // the stack: thin volumes all but vanish, and the user is told so.
+    void WarnIfTooFlatForRays(const scene::VolumeSource& source) const;
+
     // Draws the frame as often as asked and notes the times.
     void DrawFrames(const std::function<void()>& draw);
 

@@ -84,6 +84,9 @@ void Run(const Options& options) {
 
     Session session(options.running);
     const std::unique_ptr<scene::VolumeSource> source = session.Open(options.input);
+    if (options.mode != "mip") {
+        session.WarnIfTooFlatForRays(*source);
+    }
     const Tissues tissues(session, options.tissues, options.look, *source);
     const Stopwatch prepare_watch;
     const Drawer draw =
