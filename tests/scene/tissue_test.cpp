@@ -8,6 +8,7 @@
 #include <numeric>
 
 #include "scene/error.h"
+#include "scene/projection.h"
 #include "scene/vector3.h"
 #include "scene/volume_source.h"
 
@@ -315,6 +316,63 @@ TEST(TissueVolumes, HoldTheIndicesAndMasksOfEveryVoxel) {
             grey_slice->UnmapMemory();
         });
         EXPECT_EQ(MakeHiddenMask(labels, PlanTissues(labels.Present(), {}, {}), source), nullptr);
+    }
+}
+
+// A volume of spread values, its lowest in the first voxel, without the voxels that are hidden.
+ImportedVolume Scattered(const Index& dims, const std::function<bool(const Index&)>& hidden) {
+    ImportedVolume v = Grid(dims, {1.0, 1.1, 2.3}, 15.0);
+    v.is_signed = true;
+    v.bits_stored = 12;
+    v.min_value = -1000;
+    v.max_value = 1000;
+    ForEachVoxel(dims, [&](const Index& i) {
+        const int value = static_cast<int>(Linear(dims, i) * 7919 % 2001) - 1000;
+        v.voxels[Linear(dims, i)] = static_cast<std::int16_t>(hidden(i) ? -1000 : value);
+    });
+    return v;
+}
+
+TEST(TissueVolumes, ProjectionsWithAMaskAreThoseOfAVolumeWithoutItsVoxels) {
+    const Index dims = {41, 34, 13};
+    const auto hidden = [](const Index& i) { return (i[0] / 7 + i[1] / 5 + i[2] / 4) % 2 == 0; };
+    scene::VolumeSource whole(Scattered(dims, [](const Index&) { return false; }));
+    scene::VolumeSource cut(Scattered(dims, hidden));
+    const auto mask = std::make_shared<IP_RealListVol>(*whole.Volume()->GetBox());
+    ForEachVoxel(dims, [&](const Index& i) {
+        if (hidden(i)) {
+            mask->AddRun(i[1], i[2], i[0], i[0] + 1);
+        }
+    });
+
+    scene::View view;
+    view.width = 70;
+    view.height = 60;
+    const auto draw = [&](scene::Projection& projection, double azimuth_deg) {
+        view.azimuth_deg = azimuth_deg;
+        view.elevation_deg = azimuth_deg / 3.0;
+        projection.SetView(MakeCamera(view, whole.GetSubject()), view);
+        return projection.Draw().stored;
+    };
+    for (const bool linear : {true, false}) {
+        for (const double azimuth_deg : {0.0, 37.0, 90.0}) {
+            scene::Projection of_whole(whole, linear);
+            scene::Projection of_cut(cut, linear);
+            scene::Projection masked_first(whole, linear);
+            scene::Projection switched(whole, linear);
+            const auto unmasked = draw(of_whole, azimuth_deg);
+            const auto expected = draw(of_cut, azimuth_deg);
+            ASSERT_NE(unmasked, expected);
+            masked_first.SetMask(mask);
+            EXPECT_EQ(draw(masked_first, azimuth_deg), expected) << linear << " " << azimuth_deg;
+            draw(switched, 90.0 - azimuth_deg);
+            switched.SetMask(mask);
+            EXPECT_EQ(draw(switched, azimuth_deg), expected) << linear << " " << azimuth_deg;
+            switched.SetMask(nullptr);
+            EXPECT_EQ(draw(switched, azimuth_deg), unmasked) << linear << " " << azimuth_deg;
+            switched.SetMask(mask);
+            EXPECT_EQ(draw(switched, azimuth_deg), expected) << linear << " " << azimuth_deg;
+        }
     }
 }
 
