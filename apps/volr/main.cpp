@@ -44,9 +44,9 @@ int Work(const volr::Work& run) {
         run();
         return kDone;
     } catch (const TCO_CANCEL_EXCEPTION&) {
-        return Tell(kCancelled, "cancelled: as you asked (nothing was written)");
+        return Tell(kCancelled, "cancelled: as you asked (no file is half-written; run it again to finish)");
     } catch (const scene::ImportCancelled&) {
-        return Tell(kCancelled, "cancelled: as you asked (nothing was written)");
+        return Tell(kCancelled, "cancelled: as you asked (no file is half-written; run it again to finish)");
     } catch (const scene::ImportError& e) {
         return Tell(kWrongUsage, e.what());
     } catch (const scene::Error& e) {
