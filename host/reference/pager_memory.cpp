@@ -1,5 +1,7 @@
 #include "host/reference/pager_memory.h"
 
+#include "host/reference/block_slabs.h"
+
 #include <algorithm>
 #include <atomic>
 #include <deque>
@@ -26,6 +28,13 @@ constexpr std::size_t kPage = kCacheLine * kLinesPerPage;
 constexpr std::size_t kHugePage = std::size_t{2} << 20;
 constexpr std::int64_t kSmallBlock = 32 * 1024;  // up to this size the heap is cheaper and packs better
 
+// Blocks below this length are carved from slabs. Address sanitizers see late use only of memory that is given back.
+#if defined(_WIN32) || defined(__SANITIZE_ADDRESS__)
+constexpr std::size_t kLongestSlabBlock = 0;
+#else
+constexpr std::size_t kLongestSlabBlock = kHugePage;
+#endif
+
 // Working memory that each frame asks for and gives back would cost a page fault for every 4 KiB of it.
 #if defined(__SANITIZE_ADDRESS__)
 constexpr std::size_t kMostKept = 0;  // memory that is given back is gone, so that late use is noticed
@@ -50,6 +59,10 @@ void* map_pages(std::size_t length) {
 void unmap_pages(void* base, std::size_t /*length*/) {
     VirtualFree(base, 0, MEM_RELEASE);
 }
+
+void drop_pages(void* /*base*/, std::size_t /*length*/) {}
+
+void populate_small_pages(void* /*base*/, std::size_t /*length*/) {}
 
 #else
 
@@ -91,6 +104,27 @@ void* map_pages(std::size_t length) {
 
 void unmap_pages(void* base, std::size_t length) {
     munmap(base, length);
+}
+
+void drop_pages(void* base, std::size_t length) {
+    madvise(base, length, MADV_DONTNEED);
+}
+
+bool has_huge_pages() {
+    std::ifstream file("/sys/kernel/mm/transparent_hugepage/enabled");
+    std::string text;
+    return std::getline(file, text) && text.find("[never]") == std::string::npos;
+}
+
+// Where there are only small pages, brings in all of a block at once: a fault for each would cost several times as
+// much. Huge pages come when they are written.
+void populate_small_pages([[maybe_unused]] void* base, [[maybe_unused]] std::size_t length) {
+#if defined(MADV_POPULATE_WRITE)
+    static const bool has_small_pages = !has_huge_pages();
+    if (has_small_pages) {
+        madvise(base, length, MADV_POPULATE_WRITE);
+    }
+#endif
 }
 
 // The number at the start of a file, or `otherwise` when there is none ("max" means no limit).
@@ -168,14 +202,36 @@ private:
     std::size_t m_Bytes = 0;
 };
 
+BlockSlabs& slabs() {
+    static BlockSlabs* const instance = new BlockSlabs({map_pages, unmap_pages, drop_pages}, kMostKept);
+    return *instance;
+}
+
+// Everything that waits for another use goes back to the system; false when there was nothing.
+bool give_back_kept() {
+    const bool had_mappings = KeptMappings::Instance().Clear();
+    return slabs().Clear() || had_mappings;
+}
+
 void* find_pages(std::size_t length) {
     KeptMappings& kept = KeptMappings::Instance();
     void* base = length <= kMostKeptEach ? kept.Take(length) : nullptr;
     if (base == nullptr) {
         base = map_pages(length);
     }
-    if (base == nullptr && kept.Clear()) {
+    if (base == nullptr && give_back_kept()) {
         base = map_pages(length);
+    }
+    return base;
+}
+
+void* find_in_slab(std::size_t length, BlockSlabs::Slab** slab) {
+    void* base = slabs().Take(length, slab);
+    if (base == nullptr && give_back_kept()) {
+        base = slabs().Take(length, slab);
+    }
+    if (base != nullptr) {
+        populate_small_pages(base, length);
     }
     return base;
 }
@@ -193,7 +249,8 @@ BlockMemory allocate_block_memory(std::int64_t bytes) {
     // Room for any first line, so that equal blocks have equal lengths.
     const std::size_t first = next_line() * kCacheLine;
     memory.length = (static_cast<std::size_t>(bytes) + (kPage - kCacheLine) + kPage - 1) / kPage * kPage;
-    memory.base = find_pages(memory.length);
+    memory.base =
+        memory.length < kLongestSlabBlock ? find_in_slab(memory.length, &memory.slab) : find_pages(memory.length);
     memory.address = memory.base != nullptr ? static_cast<char*>(memory.base) + first : nullptr;
     return memory;
 }
@@ -201,6 +258,8 @@ BlockMemory allocate_block_memory(std::int64_t bytes) {
 void release_block_memory(const BlockMemory& memory) {
     if (memory.length == 0) {
         ::operator delete (memory.base, std::align_val_t{kCacheLine});
+    } else if (memory.slab != nullptr) {
+        slabs().Put(memory.slab, memory.base);
     } else if (memory.base != nullptr) {
         KeptMappings::Instance().Put(memory.base, memory.length);
     }

@@ -251,6 +251,28 @@ TEST_F(PagerTest, AFailingSpillFileLosesNothing) {
     ExpectContentsAndFree(blocks, kMiB);
 }
 
+// Blocks that share pages: what happens to one must not touch its neighbours, nor keep the memory of those that are
+// gone.
+TEST_F(PagerTest, BlocksOfOneSizeKeepTheirContentsWhileNeighboursComeAndGo) {
+    constexpr std::int64_t bytes = 512 * 1024 + 2;
+    constexpr std::size_t n = 200;  // more than may wait for another use
+    std::vector<MEM_PagerInfo> blocks = MakeBlocks(n, bytes);
+    for (int round = 0; round < 2; ++round) {
+        for (std::size_t i = 0; i < n; i += 2 + static_cast<std::size_t>(round)) {
+            pager().Free(blocks[i]);
+        }
+        for (std::size_t i = 0; i < n; i += 2 + static_cast<std::size_t>(round)) {
+            ASSERT_EQ(pager().Allocate64(bytes, &blocks[i], 0), 0);
+            fill(blocks[i], bytes, static_cast<unsigned>(i));
+            EXPECT_EQ(blocks[i].Unmap(), 0);
+        }
+    }
+    // The same over the spill file, where pages go and come back.
+    reference_host::SetMemoryBudget(10 * bytes);
+    reference_host::SetMemoryBudget(0);
+    ExpectContentsAndFree(blocks, bytes);
+}
+
 #if !defined(_WIN32)
 TEST_F(PagerTest, AFullDiskKeepsBlocksInMemory) {
     // The limit on file sizes stands for a full disk; it would end the process by a signal.
