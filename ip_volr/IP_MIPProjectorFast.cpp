@@ -238,6 +238,12 @@ void IP_MIPProjector::set_depth_weights(IP_VolRParamsMIP* p, const IP_Box& worki
     w.per_column = kWeightUnit * per_mm * to_virtual[0][2];
     w.per_row = kWeightUnit * per_mm * to_virtual[1][2];
     w.per_sheet = kWeightUnit * per_mm * to_virtual[2][2];
+    // A view that is no view has no depths either.
+    constexpr double kMost = 1e30;
+    const auto is_usable = [](double v) { return std::fabs(v) < kMost; };
+    if (!is_usable(w.at_origin) || !is_usable(w.per_column) || !is_usable(w.per_row) || !is_usable(w.per_sheet)) {
+        w = {kWeightUnit * kNearWeight, 0.0, 0.0, 0.0};
+    }
 }
 
 int IP_MIPProjector::slices_per_batch() const {

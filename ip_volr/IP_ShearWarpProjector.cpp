@@ -4,6 +4,7 @@
 #include "host/clipping.h"
 #include "host/matrix_math.h"
 #include "ip_volr/IP_MultiVolDataInc.h"
+#include "ip_volr/IP_PortableMath.h"
 #include "ip_volr/IP_VolDataProj.h"
 #include "ip_volr/IP_VolRClipManager.h"
 
@@ -163,7 +164,7 @@ void IP_ShearWarpProjector::Reset(IP_VolRParams* params, int selector) {
         view.Scale(side, side * aspect, 1.0F);
     }
     if (params->m_ViewMode == 2 && length > 0.0F) {
-        const float fit = std::hypot(params->m_VolumeBox.GetWidth(), params->m_VolumeBox.GetDepth()) / length;
+        const float fit = ip_volr::portable_length(params->m_VolumeBox.GetWidth(), params->m_VolumeBox.GetDepth()) / length;
         view.Scale(fit, fit, 1.0F);
     }
     params->m_ViewBox = view;
@@ -216,7 +217,7 @@ float IP_ShearWarpProjector::calc_angle(IP_Box* box, const float m[4][4]) {
     IP_normalize(side);
     float seen[3];
     IP_vectrans_no_translation(side, m, seen);
-    const float angle = std::acos(std::min(1.0F, std::fabs(seen[2]))) * kDegreesPerRadian;
+    const float angle = ip_volr::portable_arc_cosine(std::min(1.0F, std::fabs(seen[2]))) * kDegreesPerRadian;
     return angle > 90.0F ? 180.0F - angle : angle;
 }
 

@@ -1,6 +1,7 @@
 // Construction, plain settings and state of the ray-casting projector.
 #include "ip_volr/IP_VOLRC_Projector.h"
 
+#include "ip_volr/IP_PortableMath.h"
 #include "ip_volr/IP_VOLRC_BrickStructure.h"
 #include "ip_volr/IP_VOLRC_Matrix.h"
 #include "ip_volr/IP_VOLRC_ProjectorInternal.h"
@@ -174,7 +175,7 @@ void IP_VOLRC_Projector::SetStepSize(double step) {
 void IP_VOLRC_Projector::RecalculateTransparencies() {
     for (int k = 0; k < 256; k++) {
         const double transparency = kTableEntries - 1.0;
-        const double value = transparency * std::pow(1.0 - k / 255.0, m_StepLength);
+        const double value = transparency * ip_volr::portable_power(1.0 - k / 255.0, m_StepLength);
         const auto entry = static_cast<unsigned>(affine::truncate_clamped(value, 0, kTableEntries - 1));
         std::fill(std::begin(m_StepTransparencies[k]), std::end(m_StepTransparencies[k]), entry);
     }

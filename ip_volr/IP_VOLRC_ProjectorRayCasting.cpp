@@ -1,4 +1,5 @@
 // The ray-casting pass: waves of bricks, front to back.
+#include "ip_volr/IP_PortableMath.h"
 #include "ip_volr/IP_VOLRC_BrickStructure.h"
 #include "ip_volr/IP_VOLRC_ListRay.h"
 #include "ip_volr/IP_VOLRC_Matrix.h"
@@ -126,7 +127,7 @@ void IP_VOLRC_Projector::PrepareShading() {
     frame.opacity_gradient_threshold = m_OpacityGradientThreshold;
     if (frame.weight_decides_shading) {
         const double opacity = 1.0 - m_OpacityGradientThreshold / 65535.0;
-        const double threshold = 65535.0 * (1.0 - std::pow(opacity, m_StepLength));
+        const double threshold = 65535.0 * (1.0 - ip_volr::portable_power(opacity, m_StepLength));
         frame.opacity_gradient_threshold = static_cast<std::uint16_t>(affine::truncate_clamped(threshold, 0, 65535));
     }
     for (int i = 0; i < 3; i++) {
