@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <numbers>
 
 namespace scene {
@@ -51,7 +52,7 @@ void ScreenMatrix(const Camera& camera, float m[4][4]) {
                               {0, scale, 0, 0},
                               {0, 0, 1, 0},
                               {static_cast<float>(camera.centre_x), static_cast<float>(camera.centre_y), 0, 1}};
-    std::copy(&rows[0][0], &rows[0][0] + 16, &m[0][0]);
+    std::memcpy(m, rows, sizeof(rows));
 }
 
 int Layers(int slices) {

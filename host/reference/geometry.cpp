@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 
 #include "host/matrix_math.h"
 #include "host/reference/matrix_inverse.h"
@@ -135,7 +136,9 @@ void index_to_physical(const float start[3], const float vecs[3][3], const int d
 }
 
 void narrow(const double m[4][4], float out[4][4]) {
-    std::transform(m[0], m[0] + 16, out[0], [](double v) { return static_cast<float>(v); });
+    for (int row = 0; row < 4; ++row) {
+        std::transform(m[row], m[row] + 4, out[row], [](double v) { return static_cast<float>(v); });
+    }
 }
 
 void narrow_inverse(const double m[4][4], float out[4][4]) {
@@ -190,11 +193,11 @@ bool IP_Dims::InsideIndexBoxWithNeighbors(const int index[3]) const {
 }
 
 void IP_BoxParams::GetVecs(float vecs[3][3]) const {
-    std::copy_n(m_Vecs[0], 9, vecs[0]);
+    std::memcpy(vecs, m_Vecs, sizeof(m_Vecs));
 }
 
 void IP_BoxParams::SetParams(const float vecs[3][3]) {
-    std::copy_n(vecs[0], 9, m_Vecs[0]);
+    std::memcpy(m_Vecs, vecs, sizeof(m_Vecs));
 }
 
 void IP_BoxParams::GetStart(float start[3]) const {
@@ -334,8 +337,9 @@ IP_Box::IP_Box(int x, int y, int z, float mm_x, float mm_y, float mm_z) : IP_Dim
 }
 
 bool IP_Box::operator==(const IP_Box& o) const {
-    return std::equal(m_Dims, m_Dims + 3, o.m_Dims) && std::equal(m_Start, m_Start + 3, o.m_Start) &&
-           std::equal(m_Vecs[0], m_Vecs[0] + 9, o.m_Vecs[0]);
+    const auto same_vec = [](const float(&a)[3], const float(&b)[3]) { return std::equal(a, a + 3, b); };
+    return std::equal(m_Dims, m_Dims + 3, o.m_Dims) && same_vec(m_Start, o.m_Start) &&
+           std::equal(m_Vecs, m_Vecs + 3, o.m_Vecs, same_vec);
 }
 
 float IP_Box::GetXMmPerPixel() const {

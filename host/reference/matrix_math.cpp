@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <utility>
 
 #include "host/reference/matrix_inverse.h"
@@ -114,7 +115,7 @@ void IP_Mmul(const float a[4][4], const float b[4][4], float out[4][4]) {
             product[r][c] = static_cast<float>(sum);
         }
     }
-    std::copy_n(product[0], 16, out[0]);
+    std::memcpy(out, product, sizeof(product));
 }
 
 bool IP_Minv(const float m[4][4], float out[4][4]) {
@@ -123,12 +124,14 @@ bool IP_Minv(const float m[4][4], float out[4][4]) {
         IP_Midnt(out);
         return false;
     }
+    bool is_finite = true;
     for (int r = 0; r < 4; ++r) {
         for (int c = 0; c < 4; ++c) {
             out[r][c] = static_cast<float>(inverse[r][c]);
+            is_finite = is_finite && std::isfinite(out[r][c]);
         }
     }
-    if (!std::all_of(out[0], out[0] + 16, [](float v) { return std::isfinite(v); })) {
+    if (!is_finite) {
         IP_Midnt(out);
         return false;
     }
