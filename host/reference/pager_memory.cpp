@@ -26,7 +26,7 @@ constexpr std::size_t kCacheLine = 64;
 constexpr std::size_t kLinesPerPage = 64;
 constexpr std::size_t kPage = kCacheLine * kLinesPerPage;
 constexpr std::size_t kHugePage = std::size_t{2} << 20;
-constexpr std::int64_t kSmallBlock = 32 * 1024;  // up to this size the heap is cheaper and packs better
+constexpr std::int64_t kSmallBlock = std::int64_t{32} * 1024;  // up to this size the heap is cheaper and packs better
 
 // Blocks below this length are carved from slabs. Address sanitizers see late use only of memory that is given back.
 #if defined(_WIN32) || defined(__SANITIZE_ADDRESS__)
@@ -36,7 +36,12 @@ constexpr std::size_t kLongestSlabBlock = kHugePage;
 #endif
 
 // Working memory that each frame asks for and gives back would cost a page fault for every 4 KiB of it.
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(__has_feature)
+#define HAS_FEATURE(feature) __has_feature(feature)
+#else
+#define HAS_FEATURE(feature) 0
+#endif
+#if defined(__SANITIZE_ADDRESS__) || HAS_FEATURE(address_sanitizer)
 constexpr std::size_t kMostKept = 0;  // memory that is given back is gone, so that late use is noticed
 #else
 constexpr std::size_t kMostKept = std::size_t{32} << 20;  // all together
@@ -47,7 +52,7 @@ constexpr std::size_t kMostKeptEach = std::size_t{8} << 20;
 // line once.
 std::size_t next_line() {
     static std::atomic<unsigned> count{0};
-    return (count.fetch_add(1, std::memory_order_relaxed) * 17U) % kLinesPerPage;
+    return (std::size_t{count.fetch_add(1, std::memory_order_relaxed)} * 17) % kLinesPerPage;
 }
 
 #if defined(_WIN32)
