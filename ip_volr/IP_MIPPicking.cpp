@@ -115,7 +115,7 @@ public:
     }
     const std::array<int, 3>& dims() const { return m_Dims; }
 
-    // False outside the volume, outside the clipping planes, and where a slice has no memory.
+    // False outside the volume, outside the clipping planes, and where a slice has no memory or another size.
     bool read(const std::array<int, 3>& voxel, int& value) {
         for (std::size_t i = 0; i < 3; i++) {
             if (voxel[i] < 0 || voxel[i] >= m_Dims[i]) {
@@ -144,7 +144,9 @@ private:
                 m_Mapped[slot]->UnmapMemory();
             }
             auto* const slice = dynamic_cast<IP_ShortSlice*>(m_Volume.GetSlice(z));
-            m_Mapped[slot] = slice != nullptr && slice->MapMemory() == 0 ? slice : nullptr;
+            const bool fits = slice != nullptr && slice->GetAttributes().width == m_Dims[0] &&
+                              slice->GetAttributes().height == m_Dims[1];
+            m_Mapped[slot] = fits && slice->MapMemory() == 0 ? slice : nullptr;
             m_Index[slot] = z;
         }
         return m_Mapped[slot] != nullptr ? m_Mapped[slot]->GetMappedSlice() : nullptr;
@@ -157,8 +159,12 @@ private:
     std::array<IP_ShortSlice*, 2> m_Mapped{nullptr, nullptr};
 };
 
+// The voxel at a position; far outside, or for what is not a number, one that no volume has.
 int nearest(double position) {
-    return static_cast<int>(std::floor(position + 0.5));
+    constexpr double kOutside = -4.0;
+    constexpr double kFarthest = 1e9;
+    const double voxel = std::floor(position + 0.5);
+    return static_cast<int>(voxel > kOutside ? std::min(voxel, kFarthest) : kOutside);
 }
 
 // One sample of a sheet and the voxel that stands for it.

@@ -102,6 +102,17 @@ void slice_mapper_stage::release() {
     m_LastMapped = -1;
 }
 
+namespace {
+
+// A slice of another size would be read beyond its end.
+void require_size(const IP_Slice& slice, int width, int height) {
+    if (slice.GetAttributes().width != width || slice.GetAttributes().height != height) {
+        throw invalid_argument_exception("Error: slice of another size than its volume in voldata_manager!");
+    }
+}
+
+}  // namespace
+
 IP_Slice* voldata_manager::slice_in_range(int k, const char* missing) {
     if (k < first_mapped() || k > last_mapped()) {
         move_mapped_range(std::max(k - kHalfRange, 0), std::min(depth() - 1, k + kHalfRange));
@@ -124,6 +135,7 @@ const short* voldata_manager::get_short_ptr(int k) {
     if (pixels == nullptr) {
         throw invalid_argument_exception("Slice is not mapped in voldata_manager::get_short_ptr()!");
     }
+    require_size(*s, width(), height());
     return pixels;
 }
 
@@ -138,5 +150,6 @@ const unsigned char* voldata_manager::get_tisind_ptr(int k) {
     if (indices == nullptr) {
         throw invalid_argument_exception("Slice is not mapped in voldata_manager::get_tisind_ptr()!");
     }
+    require_size(*s, width(), height());
     return indices;
 }

@@ -75,6 +75,14 @@ TEST(SlidingRange, TellsWhatIsWrongAndReleasesEverything) {
     EXPECT_EQ(error_of([&] { manager.get_short_ptr(3); }),
               "argument: Slice is not mapped in voldata_manager::get_short_ptr()!");
     manager.release();
+    MEM_PagerInfo small_block;
+    MEM_MemPager::GetHandleForMP()->Allocate(2, &small_block, 0);
+    IP_ShortSlice small(&small_block, PixelDataAttributes{1, 1, 16, true}, 0);
+    volume->SetSlice(&small, 3);
+    EXPECT_EQ(error_of([&] { manager.get_short_ptr(3); }),
+              "argument: Error: slice of another size than its volume in voldata_manager!");
+    manager.release();
+    MEM_MemPager::GetHandleForMP()->Free(small_block);
     volume->SetSlice(original.get(), 3);
 
     // A refused mapping, in each step of an overlapping move: what was mapped before can still be released.
