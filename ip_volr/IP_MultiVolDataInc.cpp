@@ -73,7 +73,7 @@ void IP_MultiVolDataInc::SetView(Views& views, IP_VolDataProj* data, int i) {
     if (views[position] != owned) {
         views[position] = std::move(owned);
     } else {
-        owned.release();  // set again: it stays
+        static_cast<void>(owned.release());  // set again: it stays
     }
 }
 
