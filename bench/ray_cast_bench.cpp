@@ -87,7 +87,8 @@ void cast_brick(benchmark::State& state, const Case& c, InstructionSet set, doub
         rays = scene.rays;
         _listRay* const list = Scene::link(rays);
         state.ResumeTiming();
-        process_brick(scene.frame, scene.brick(c.skipping ? scene.true_cache : scene.full_cache), block.data(), list, result);
+        process_brick(scene.frame, scene.brick(c.skipping ? scene.true_cache : scene.full_cache), block.data(), list,
+                      result);
         benchmark::ClobberMemory();
     }
     for (std::size_t i = 0; i < rays.size(); i++) {

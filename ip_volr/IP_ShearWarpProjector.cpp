@@ -164,7 +164,8 @@ void IP_ShearWarpProjector::Reset(IP_VolRParams* params, int selector) {
         view.Scale(side, side * aspect, 1.0F);
     }
     if (params->m_ViewMode == 2 && length > 0.0F) {
-        const float fit = ip_volr::portable_length(params->m_VolumeBox.GetWidth(), params->m_VolumeBox.GetDepth()) / length;
+        const float fit =
+            ip_volr::portable_length(params->m_VolumeBox.GetWidth(), params->m_VolumeBox.GetDepth()) / length;
         view.Scale(fit, fit, 1.0F);
     }
     params->m_ViewBox = view;
