@@ -160,7 +160,7 @@ private:
 };
 
 // The voxel at a position; far outside, or for what is not a number, one that no volume has.
-int nearest(double position) {
+int nearest_voxel(double position) {
     constexpr double kOutside = -4.0;
     constexpr double kFarthest = 1e9;
     const double voxel = std::floor(position + 0.5);
@@ -177,7 +177,7 @@ struct Sample {
 bool sample_linear(VoxelReader& reader, const Vec3& position, int axis, Sample& sample) {
     const std::size_t u = axis == 0 ? 1 : 0;
     const std::size_t v = axis == 2 ? 1 : 2;
-    std::array<int, 3> near{nearest(position[0]), nearest(position[1]), nearest(position[2])};
+    std::array<int, 3> near{nearest_voxel(position[0]), nearest_voxel(position[1]), nearest_voxel(position[2])};
     int own = 0;
     if (!reader.read(near, own)) {
         return false;
@@ -205,9 +205,9 @@ bool sample_linear(VoxelReader& reader, const Vec3& position, int axis, Sample& 
 
 // The fast path's sample: the brightest of the four voxels that one reduced voxel stands for.
 bool sample_fast(VoxelReader& reader, const Vec3& position, Sample& sample) {
-    const int x = nearest(position[0]) & ~1;
-    const int y = nearest(position[1]) & ~1;
-    const int z = nearest(position[2]);
+    const int x = nearest_voxel(position[0]) & ~1;
+    const int y = nearest_voxel(position[1]) & ~1;
+    const int z = nearest_voxel(position[2]);
     bool found = false;
     for (int corner = 0; corner < 4; corner++) {
         const std::array<int, 3> voxel{x + (corner & 1), y + (corner >> 1), z};
@@ -349,7 +349,7 @@ bool IP_MIPProjector::Screen2Physical(IP_VolRParamsMIP* p, int k, double pixel_x
     double slope = 1.0;
     double intercept = 0.0;
     volume->GetRescaleTrans(slope, intercept);
-    pick->value = nearest(brightest.value);
+    pick->value = static_cast<int>(std::floor(brightest.value + 0.5));
     pick->rescaled = slope * pick->value + intercept;
     const Vec3 physical = lattice.to_physical(brightest.place);
     for (std::size_t i = 0; i < 3; i++) {

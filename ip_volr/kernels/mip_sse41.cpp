@@ -182,8 +182,9 @@ void transpose_band(std::int16_t* dst, std::size_t dst_stride, const std::int16_
     }
 }
 
-void transpose(std::int16_t* dst, std::size_t dst_stride, const std::int16_t* src, std::size_t src_stride,
-               std::size_t columns, std::size_t rows, const std::int16_t* next) {
+[[gnu::nonnull(1, 3)]] void transpose(std::int16_t* dst, std::size_t dst_stride, const std::int16_t* src,
+                                      std::size_t src_stride, std::size_t columns, std::size_t rows,
+                                      const std::int16_t* next) {
     const std::size_t full_rows = rows - rows % 8;
     std::size_t x = 0;
     for (; x + kBand <= columns; x += kBand) {
