@@ -89,18 +89,38 @@ void gather_brick(const GatherSource& source, const GatherRows& wanted, std::uin
 }
 
 void gather_tissues(const int dims[3], const int origin[3], const std::uint8_t* const* slices,
-                    std::uint8_t missing_tissue, std::uint8_t* tissues) {
+                    std::uint8_t missing_tissue, const GatherRows& wanted, std::uint8_t* tissues) {
+    const GatherKernels& kernels = gather_kernels();
     const int count = std::min(kTissueEdge, dims[0] - origin[0]);
+    tissues[0] = missing_tissue;
     for (int z = 0; z < kTissueEdge; z++) {
         const std::uint8_t* const slice = slices[clamp_voxel(origin[2], z, dims[2])];
         for (int y = 0; y < kTissueEdge; y++, tissues += kTissueEdge) {
+            if ((wanted.rows[z - kGatherMin] >> (y - kGatherMin) & 1) == 0) {
+                continue;
+            }
             if (slice == nullptr) {
                 std::memset(tissues, missing_tissue, kTissueEdge);
                 continue;
             }
             const std::ptrdiff_t row = clamp_voxel(origin[1], y, dims[1]);
-            unpack_tissues(slice, row * dims[0] + origin[0], count, tissues);
-            std::memset(tissues + count, tissues[count - 1], static_cast<std::size_t>(kTissueEdge - count));
+            const std::ptrdiff_t first = row * dims[0] + origin[0];
+            if (count == kTissueEdge && first % 2 == 0) {
+                kernels.unpack_row(slice + first / 2, tissues);
+                continue;
+            }
+            if (count == kTissueEdge) {
+                // The row begins with a high nibble; the 32 that follow end one voxel behind it, in the same byte.
+                std::uint8_t following[kTissueEdge];
+                kernels.unpack_row(slice + first / 2 + 1, following);
+                tissues[0] = slice[first / 2] >> 4;
+                std::memcpy(tissues + 1, following, kTissueEdge - 1);
+                continue;
+            }
+            unpack_tissues(slice, first, count, tissues);
+            if (count < kTissueEdge) {
+                std::memset(tissues + count, tissues[count - 1], static_cast<std::size_t>(kTissueEdge - count));
+            }
         }
     }
 }

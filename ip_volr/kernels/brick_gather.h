@@ -46,9 +46,10 @@ void gather_brick(const GatherSource& source, const GatherRows& wanted, std::uin
 
 // Copies the tissue indices of the brick's 32^3 voxels, a byte each, x fastest, clamped to the volume. Slices hold 4
 // bits a voxel: voxel y * dims[0] + x in byte (y * dims[0] + x) / 2, in the low nibble when even. A null slice reads as
-// `missing_tissue`.
+// `missing_tissue`. Only the rows are written whose pairs are wanted (as above), and always the first voxel: the others
+// keep what they held.
 void gather_tissues(const int dims[3], const int origin[3], const std::uint8_t* const* slices,
-                    std::uint8_t missing_tissue, std::uint8_t* tissues);
+                    std::uint8_t missing_tissue, const GatherRows& wanted, std::uint8_t* tissues);
 
 // The instruction-set dependent part.
 struct GatherKernels {
@@ -56,6 +57,8 @@ struct GatherKernels {
     // every bit r of `wanted`: rows r and r + 1 interleaved, each voxel exclusive-or `flip`.
     void (*interleave_plane)(const std::uint16_t* const* rows, std::uint64_t wanted, std::uint16_t flip,
                              std::uint32_t* out);
+    // 32 tissue indices from 16 bytes, the low nibble of each first.
+    void (*unpack_row)(const std::uint8_t* bytes, std::uint8_t* out);
 };
 
 // The kernels of the instruction set in force.

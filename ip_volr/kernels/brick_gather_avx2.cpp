@@ -28,10 +28,17 @@ void interleave_plane(const std::uint16_t* const* rows, std::uint64_t wanted, st
     }
 }
 
+void unpack_row(const std::uint8_t* bytes, std::uint8_t* out) {
+    const __m256i both = _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes)));
+    const __m256i indices = _mm256_or_si256(both, _mm256_slli_epi16(both, 4));
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(out), _mm256_and_si256(indices, _mm256_set1_epi8(15)));
+}
+
 }  // namespace
 
 void fill_gather_avx2(GatherKernels& table) {
     table.interleave_plane = interleave_plane;
+    table.unpack_row = unpack_row;
 }
 
 }  // namespace ip_volr::kernels

@@ -17,10 +17,18 @@ void interleave_plane(const std::uint16_t* const* rows, std::uint64_t wanted, st
     }
 }
 
+void unpack_row(const std::uint8_t* bytes, std::uint8_t* out) {
+    for (int i = 0; i < kTissueEdge / 2; i++) {
+        out[2 * i] = bytes[i] & 15;
+        out[2 * i + 1] = bytes[i] >> 4;
+    }
+}
+
 }  // namespace
 
 void fill_gather_scalar(GatherKernels& table) {
     table.interleave_plane = interleave_plane;
+    table.unpack_row = unpack_row;
 }
 
 }  // namespace ip_volr::kernels

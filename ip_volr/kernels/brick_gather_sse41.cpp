@@ -28,10 +28,20 @@ void interleave_plane(const std::uint16_t* const* rows, std::uint64_t wanted, st
     }
 }
 
+void unpack_row(const std::uint8_t* bytes, std::uint8_t* out) {
+    const __m128i nibble = _mm_set1_epi8(15);
+    const __m128i both = _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes));
+    const __m128i low = _mm_and_si128(both, nibble);
+    const __m128i high = _mm_and_si128(_mm_srli_epi16(both, 4), nibble);
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out), _mm_unpacklo_epi8(low, high));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 16), _mm_unpackhi_epi8(low, high));
+}
+
 }  // namespace
 
 void fill_gather_sse41(GatherKernels& table) {
     table.interleave_plane = interleave_plane;
+    table.unpack_row = unpack_row;
 }
 
 }  // namespace ip_volr::kernels

@@ -210,14 +210,14 @@ GatherRows find_wanted_rows(const LeafMask& reached) {
     return wanted;
 }
 
-void gather_voxels(const RayCastFrame& frame, const RayCastBrick& brick, const LeafMask& reached,
+void gather_voxels(const RayCastFrame& frame, const RayCastBrick& brick, const GatherRows& wanted,
                    RayCastWorkspace& work) {
     const GatherSource source = {{frame.dims[0], frame.dims[1], frame.dims[2]},
                                  {brick.origin[0], brick.origin[1], brick.origin[2]},
                                  frame.slices,
                                  frame.missing_value,
                                  static_cast<std::uint16_t>(frame.is_signed ? 0 : 0x8000)};
-    gather_brick(source, find_wanted_rows(reached), work.pairs);
+    gather_brick(source, wanted, work.pairs);
 }
 
 // The Blinn-Phong half vector of light and view; zero when they cancel.
@@ -309,9 +309,10 @@ void process_brick(const RayCastFrame& frame, const RayCastBrick& brick, void* w
     find_leaf_runs(visible, job.mirror, work.leaf_runs);
     const LeafMask reached = is_empty(visible) ? visible : find_reached_leaves(frame, brick, rays, visible);
     if (!is_empty(reached)) {
-        gather_voxels(frame, brick, reached, work);
+        const GatherRows wanted = find_wanted_rows(reached);
+        gather_voxels(frame, brick, wanted, work);
         if (job.has_tissues) {
-            gather_tissues(frame.dims, brick.origin, frame.tissue_slices, kNoTissue, work.tissues);
+            gather_tissues(frame.dims, brick.origin, frame.tissue_slices, kNoTissue, wanted, work.tissues);
         }
     }
 
