@@ -140,6 +140,23 @@ void BM_BrickMinMax(benchmark::State& state) {
     state.SetBytesProcessed(state.iterations() * kVolumeBytes);
 }
 
+// 32 slices have arrived.
+void BM_BrickStreaming(benchmark::State& state) {
+    IP_VOLRC_BrickStructure structure = make_structure();
+    structure.Init(scene().volume.get());
+    structure.PrepareUpdatedBricksVector(&scene().all_slices);
+    structure.RecalculateMinMaxForNewSlices();
+    std::list<int> arrived;
+    for (int slice = 100; slice < 132; ++slice) {
+        arrived.push_back(slice);
+    }
+    for ([[maybe_unused]] auto _ : state) {
+        structure.PrepareUpdatedBricksVector(&arrived);
+        structure.RecalculateMinMaxForNewSlices();
+    }
+    state.SetBytesProcessed(state.iterations() * 32 * kSliceVoxels * 2);
+}
+
 void BM_BrickInit(benchmark::State& state) {
     IP_VOLRC_BrickStructure structure = make_structure();
     structure.SetMaxLayerLoaded(1);
@@ -174,10 +191,17 @@ void BM_BrickUpdateTissue(benchmark::State& state) {
     state.SetBytesProcessed(state.iterations() * kDepth * kSliceVoxels / 2);
 }
 
-BENCHMARK(BM_StreamingRead)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_BrickMinMax)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_BrickInit)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_BrickSetColorTables)->Arg(0)->Arg(1)->ArgName("tissues")->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_BrickUpdateTissue)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_StreamingRead)->Name("limit/streaming-read")->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_BrickMinMax)->Name("brick/min-max")->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_BrickStreaming)->Name("brick/streaming-update")->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_BrickInit)->Name("brick/set-up")->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_BrickSetColorTables)
+    ->Name("brick/colour-tables")
+    ->Arg(0)
+    ->Arg(1)
+    ->ArgName("tissues")
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+BENCHMARK(BM_BrickUpdateTissue)->Name("brick/tissues")->Unit(benchmark::kMillisecond)->UseRealTime();
 
 }  // namespace

@@ -2,20 +2,18 @@
 // through a 16-bit maximum on as many threads.
 //
 // Each iteration times both in turn; the counters hold the least times and their ratio.
+#include "bench/limits.h"
+#include "bench/timing.h"
 #include "host/memory_pager.h"
-#include "host/tasks.h"
 #include "ip_volr/IP_MIPProjector.h"
 #include "ip_volr/IP_MultiVolDataIncMIP.h"
 #include "ip_volr/IP_VolRClipManager.h"
-#include "ip_volr/kernels/mip_kernels.h"
 
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -99,78 +97,17 @@ Scene& scene() {
     return s;
 }
 
-double seconds(const std::function<void()>& work) {
-    const auto start = std::chrono::steady_clock::now();
-    work();
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
-
-// Streams all slices of a volume once, each shifted by half a pixel a slice, into one picture for each server.
-class Stream {
-public:
-    explicit Stream(IP_VolData& volume) {
-        int dims[3];
-        volume.GetBox()->GetDims(dims);
-        m_Width = dims[0];
-        m_Height = dims[1];
-        for (int z = 0; z < dims[2]; z++) {
-            auto* const slice = static_cast<IP_ShortSlice*>(volume.GetSlice(z));
-            slice->MapMemory();
-            m_Slices.push_back(slice);
-        }
-        const std::size_t pixels = static_cast<std::size_t>(stride()) * static_cast<std::size_t>(m_Height);
-        m_Pictures.resize(static_cast<std::size_t>(TCO_CompoundTaskManager::GetNumberOfServers()));
-        for (auto& picture : m_Pictures) {
-            picture.assign(pixels, -32768);
-        }
-    }
-    ~Stream() {
-        for (IP_ShortSlice* slice : m_Slices) {
-            slice->UnmapMemory();
-        }
-    }
-    Stream(const Stream&) = delete;
-    Stream& operator=(const Stream&) = delete;
-
-    void run() {
-        TCO_CompoundRunnable<Stream> runnable(this, &Stream::subtask);
-        TCO_CompoundTaskManager::GetHandle()->ExecuteCompoundTask(&runnable, true, static_cast<int>(m_Pictures.size()),
-                                                                  false);
-    }
-
-private:
-    int stride() const { return m_Width + static_cast<int>(kSlices) / 2 + 16; }
-    void subtask() {
-        const TCO_RunnableSelf self;
-        const auto& kernels = ip_volr::kernels::mip_kernels();
-        short* const picture = m_Pictures[static_cast<std::size_t>(self.GetSubtaskIndex())].data();
-        const int last = self.EndRange(static_cast<int>(m_Slices.size()) - 1, 0);
-        for (int z = self.StartRange(static_cast<int>(m_Slices.size()) - 1, 0); z <= last; z++) {
-            const short* const voxels = m_Slices[static_cast<std::size_t>(z)]->GetMappedSlice();
-            for (int y = 0; y < m_Height; y++) {
-                kernels.max_row(picture + static_cast<std::ptrdiff_t>(y) * stride() + z / 2,
-                                voxels + static_cast<std::ptrdiff_t>(y) * m_Width, static_cast<std::size_t>(m_Width));
-            }
-        }
-    }
-
-    std::vector<IP_ShortSlice*> m_Slices;
-    std::vector<std::vector<short>> m_Pictures;
-    int m_Width = 0;
-    int m_Height = 0;
-};
-
 void frame_beside_stream(benchmark::State& state, bool linear) {
     Scene& s = scene();
     s.p.m_ClipManager = nullptr;
     s.set_view(static_cast<double>(state.range(0)), static_cast<double>(state.range(1)));
-    const double first = seconds([&] { s.draw(linear); });
-    Stream stream(*(linear ? s.p.m_VolData->GetVolData(0) : s.p.m_AltVolData->GetVolData(0)));
+    const double first = volr_bench::seconds_of([&] { s.draw(linear); });
+    volr_bench::Stream stream(*(linear ? s.p.m_VolData->GetVolData(0) : s.p.m_AltVolData->GetVolData(0)));
     double least_stream = 1e9;
     double least_frame = 1e9;
     for (auto _ : state) {
-        least_stream = std::min(least_stream, seconds([&] { stream.run(); }));
-        const double frame = seconds([&] { s.draw(linear); });
+        least_stream = std::min(least_stream, stream.sheared_maximum_seconds());
+        const double frame = volr_bench::seconds_of([&] { s.draw(linear); });
         least_frame = std::min(least_frame, frame);
         state.SetIterationTime(frame);
     }
@@ -218,8 +155,15 @@ void views(benchmark::internal::Benchmark* b) {
     }
 }
 
-BENCHMARK(mip_fast)->Apply(views);
-BENCHMARK(mip_linear)->Apply(views);
-BENCHMARK(mip_slab)->ArgName("linear")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->Iterations(10)->UseRealTime();
+BENCHMARK(mip_fast)->Name("view/mip-fast")->Apply(views);
+BENCHMARK(mip_linear)->Name("view/mip-linear")->Apply(views);
+BENCHMARK(mip_slab)
+    ->Name("view/mip-slab")
+    ->ArgName("linear")
+    ->Arg(0)
+    ->Arg(1)
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(10)
+    ->UseRealTime();
 
 }  // namespace

@@ -196,11 +196,30 @@ void BM_TissueIndexRebuild(benchmark::State& state) {
     state.SetBytesProcessed(state.iterations() * kVolumeBytes / 4);
 }
 
-BENCHMARK(BM_PreparedStreamingRead)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_PreparedFirstRebuild)->Arg(0)->Arg(1)->ArgName("quality")->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_PreparedNewPixels)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_PreparedOneMoreSlice)->Iterations(10)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_PreparedTranspose)->Arg(0)->Arg(1)->ArgName("quality")->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_TissueIndexRebuild)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_PreparedStreamingRead)
+    ->Name("limit/streaming-read-prepared")
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+BENCHMARK(BM_PreparedFirstRebuild)
+    ->Name("prepared/first")
+    ->Arg(0)
+    ->Arg(1)
+    ->ArgName("quality")
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+BENCHMARK(BM_PreparedNewPixels)->Name("prepared/new-pixels")->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_PreparedOneMoreSlice)
+    ->Name("prepared/one-more-slice")
+    ->Iterations(10)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+BENCHMARK(BM_PreparedTranspose)
+    ->Name("prepared/transpose")
+    ->Arg(0)
+    ->Arg(1)
+    ->ArgName("quality")
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+BENCHMARK(BM_TissueIndexRebuild)->Name("prepared/tissue-indices")->Unit(benchmark::kMillisecond)->UseRealTime();
 
 }  // namespace
