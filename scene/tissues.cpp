@@ -139,6 +139,7 @@ TissuePlan PlanTissues(const std::vector<int>& present, const std::vector<Tissue
     }
     const TissuePlan of_wishes = plan;
     if (NumberLooks(wanted, false, plan)) {
+        plan.shares_rest = wishes.empty() && table.empty() && present.size() > kPalette.size();
         return plan;
     }
 

@@ -51,7 +51,7 @@ struct TissuePlan {
     std::array<std::uint8_t, kNumLabels> index_of_label{};  // 0 to 15
     std::vector<TissueLook> looks;                          // of indices 0, 1, ...; at most 15
     TissueLook rest;                                        // of index 15
-    // Set when there are more than 15 looks: labels that nobody wished anything for look like the volume then.
+    // Set when there are more labels or looks than room: labels that nobody wished anything for look like the volume.
     bool shares_rest = false;
 
     const TissueLook& LookOf(int index) const { return index == kRest ? rest : looks[static_cast<std::size_t>(index)]; }

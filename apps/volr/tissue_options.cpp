@@ -155,9 +155,8 @@ Tissues::Tissues(Session& session, const TissueOptions& options, const LookOptio
     std::transform(options.looks.begin(), options.looks.end(), std::back_inserter(wishes), Parse);
     m_Plan = scene::PlanTissues(m_Labels->Present(), wishes, table);
     if (m_Plan.shares_rest && !session.Quiet()) {
-        std::fprintf(
-            stderr,
-            "volr: warning: labels: there are more than 15 looks; those without --tissue look like the volume\n");
+        std::fprintf(stderr,
+                     "volr: warning: labels: there are more than 15; those without --tissue look like the volume\n");
     }
     for (scene::TissueLook& l : m_Plan.looks) {
         Fit(l, look, source);
@@ -165,15 +164,17 @@ Tissues::Tissues(Session& session, const TissueOptions& options, const LookOptio
     Fit(m_Plan.rest, look, source);
 }
 
-void Tissues::Apply(scene::VolumeRendering& rendering) const {
+void Tissues::Apply(scene::VolumeRendering& rendering) {
     if (m_Labels) {
         rendering.SetTissues(scene::MakeTissueVolume(*m_Labels, m_Plan, m_Source), m_Plan);
+        m_Labels.reset();
     }
 }
 
-void Tissues::Apply(scene::Projection& projection) const {
+void Tissues::Apply(scene::Projection& projection) {
     if (m_Labels) {
         projection.SetMask(scene::MakeHiddenMask(*m_Labels, m_Plan, m_Source));
+        m_Labels.reset();
     }
 }
 

@@ -30,8 +30,9 @@ public:
     // Reads tables and maps; `look` moves and scales the tissues' presets as it does the volume's.
     Tissues(Session& session, const TissueOptions& options, const LookOptions& look, scene::VolumeSource& source);
 
-    void Apply(scene::VolumeRendering& rendering) const;
-    void Apply(scene::Projection& projection) const;
+    // Pass the labels on, once: the picture holds all that it needs of them, and their memory is given back.
+    void Apply(scene::VolumeRendering& rendering);
+    void Apply(scene::Projection& projection);
 
 private:
     scene::VolumeSource& m_Source;

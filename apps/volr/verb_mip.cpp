@@ -70,7 +70,7 @@ void Run(const Options& options) {
 
     Session session(options.running);
     const std::unique_ptr<scene::VolumeSource> source = session.Open(options.input);
-    const Tissues tissues(session, options.tissues, {}, *source);
+    Tissues tissues(session, options.tissues, {}, *source);
     const Stopwatch prepare_watch;
     scene::Projection projection(*source, options.projection.Linear());
     const scene::Camera camera = scene::MakeCamera(view, source->GetSubject());

@@ -34,7 +34,7 @@ void Run(const Options& options) {
     Session session(options.running);
     const std::unique_ptr<scene::VolumeSource> source = session.Open(options.input);
     session.WarnIfTooFlatForRays(*source);
-    const Tissues tissues(session, options.tissues, options.look, *source);
+    Tissues tissues(session, options.tissues, options.look, *source);
 
     const Stopwatch prepare_watch;
     scene::VolumeRendering rendering(*source);

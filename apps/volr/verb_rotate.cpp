@@ -33,7 +33,7 @@ struct Options {
 // Draws the picture of one camera.
 using Drawer = std::function<scene::Picture(const scene::Camera&, const scene::View&)>;
 
-Drawer RenderDrawer(const Options& options, const Tissues& tissues, scene::VolumeSource& source) {
+Drawer RenderDrawer(const Options& options, Tissues& tissues, scene::VolumeSource& source) {
     auto rendering = std::make_shared<scene::VolumeRendering>(source);
     rendering->SetTransfer(options.look.FunctionFor(source), options.look.Lit());
     tissues.Apply(*rendering);
@@ -47,7 +47,7 @@ Drawer RenderDrawer(const Options& options, const Tissues& tissues, scene::Volum
 }
 
 // The first frame's window holds for the whole turn.
-Drawer MipDrawer(const Options& options, const Tissues& tissues, scene::VolumeSource& source) {
+Drawer MipDrawer(const Options& options, Tissues& tissues, scene::VolumeSource& source) {
     auto projection = std::make_shared<scene::Projection>(source, options.projection.Linear());
     options.projection.Apply(*projection);
     tissues.Apply(*projection);
@@ -87,7 +87,7 @@ void Run(const Options& options) {
     if (options.mode != "mip") {
         session.WarnIfTooFlatForRays(*source);
     }
-    const Tissues tissues(session, options.tissues, options.look, *source);
+    Tissues tissues(session, options.tissues, options.look, *source);
     const Stopwatch prepare_watch;
     const Drawer draw =
         options.mode == "mip" ? MipDrawer(options, tissues, *source) : RenderDrawer(options, tissues, *source);

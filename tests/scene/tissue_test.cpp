@@ -270,6 +270,8 @@ TEST(TissuePlans, ShareOneIndexAmongLabelsThatNobodyNamed) {
         EXPECT_EQ(plan.index_of_label[static_cast<std::size_t>(label)], label <= 14 ? label - 1 : TissuePlan::kRest);
     }
 
+    EXPECT_TRUE(PlanTissues(present, {}, {}).shares_rest);
+
     wishes.push_back(Wish(15, TissueLook::Colour(0xFF0001, 0.5)));
     EXPECT_NO_THROW(PlanTissues(present, wishes, table));
     wishes.push_back(Wish(16, TissueLook::Colour(0xFF0002, 0.5)));
