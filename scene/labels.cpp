@@ -179,10 +179,7 @@ std::string Grid(const std::array<int, 3>& dims, const Affine& index_to_patient)
 
 }  // namespace
 
-LabelVolume::LabelVolume(const ImportedVolume& grid)
-    : m_Dims(grid.dims),
-      m_IndexToPatient(grid.index_to_patient),
-      m_Labels(SliceVoxels(grid.dims) * static_cast<std::size_t>(grid.dims[2])) {}
+LabelVolume::LabelVolume(const ImportedVolume& grid) : m_Dims(grid.dims), m_IndexToPatient(grid.index_to_patient) {}
 
 const std::uint16_t* LabelVolume::Slice(int iz) const {
     return reinterpret_cast<const std::uint16_t*>(m_Labels.data()) + SliceVoxels(m_Dims) * static_cast<std::size_t>(iz);
@@ -215,10 +212,17 @@ void LabelVolume::Add(const ImportedVolume& map, bool resample, const std::strin
         }
     }
 
-    // Lay it over the volume.
+    // Lay it over the volume; a first map that covers the volume voxel by voxel is taken as it is.
+    constexpr WholeAffine kIdentity = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0};
+    const bool taken = !m_HasMap && same_place && whole == kIdentity && map.dims == m_Dims;
+    if (taken) {
+        m_Labels = map.voxels;
+    } else if (!m_HasMap) {
+        m_Labels = VoxelBuffer(SliceVoxels(m_Dims) * static_cast<std::size_t>(m_Dims[2]));
+    }
     const Overlay overlay{labels, map.dims, *numbers};
-    std::atomic<std::int64_t> num_inside{0};
-    ForEachIndex(m_Dims[2], [&](int iz) {
+    std::atomic<std::int64_t> num_inside{taken ? 1 : 0};
+    ForEachIndex(taken ? 0 : m_Dims[2], [&](int iz) {
         std::int64_t count = 0;
         auto* row = const_cast<std::uint16_t*>(Slice(iz));
         for (int iy = 0; iy < m_Dims[1]; ++iy, row += m_Dims[0]) {

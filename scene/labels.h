@@ -23,11 +23,12 @@ public:
     // Where the map's voxels lie is told by its geometry: its axes may be swapped and reversed, its origin and size
     // may differ. Where its voxels do not coincide with the volume's (to a tenth of a voxel), each voxel of the volume
     // takes the nearest of the map's if `resample`, else that is an Error of the input kind, and so is a map that lies
-    // beside the volume. `subject` names the map in errors. Works on all workers; throws the host's cancellation.
+    // beside the volume. The voxels of a first map on the volume's own grid are shared, not copied. `subject` names the
+    // map in errors. Works on all workers; throws the host's cancellation.
     void Add(const ImportedVolume& map, bool resample, const std::string& subject);
 
     const std::array<int, 3>& Dims() const { return m_Dims; }
-    // Labels of a slice, row by row.
+    // Labels of a slice, row by row; once a map was added.
     const std::uint16_t* Slice(int iz) const;
     // Those that occur, ascending, without 0.
     const std::vector<int>& Present() const { return m_Present; }
