@@ -61,6 +61,7 @@ TEST(MipRobustness, SamePictureForAnyNumberOfServersAndInstructionSet) {
 
 TEST(MipRobustness, RefusedMemoryLeavesNothingMappedAndTheNextFrameIsRight) {
     const auto blocks_before = reference_host::GetPagerStatistics().blocks;
+    int num_refused = 0;
     const Volume v = phantom({24, 22, 12}, {1.0, 1.0, 1.0});
     for (const bool linear : {false, true}) {
         for (const View& view : kViews) {
@@ -78,6 +79,7 @@ TEST(MipRobustness, RefusedMemoryLeavesNothingMappedAndTheNextFrameIsRight) {
                     r.draw(linear);
                     const bool was_complete = r.projector.IsComplete();
                     const bool was_right = r.output == reference.output;
+                    num_refused += was_complete ? 0 : 1;
                     reference_host::SetPagerFaults({});
                     EXPECT_TRUE(was_right || !was_complete) << "a wrong picture must say so: " << linear << ' ' << k;
                     expect_nothing_mapped("refusal " + std::to_string(k));
@@ -89,12 +91,14 @@ TEST(MipRobustness, RefusedMemoryLeavesNothingMappedAndTheNextFrameIsRight) {
             }
         }
     }
+    RecordProperty("faults_swept", num_refused);
     EXPECT_EQ(reference_host::GetPagerStatistics().blocks, blocks_before) << "something was not freed";
 }
 
 TEST(MipRobustness, CancellationAtEveryPointIsCleanAndLogged) {
     const Volume v = phantom({20, 18, 12}, {1.0, 1.0, 1.0});
     std::string log;
+    int num_cancelled = 0;
     std::mutex mutex;
     reference_host::SetLogLevel(6);
     reference_host::LogToCallback([&](const reference_host::LogLine& line) {
@@ -116,6 +120,7 @@ TEST(MipRobustness, CancellationAtEveryPointIsCleanAndLogged) {
                 token.CancelAtPoint(k);
                 r.draw(linear);
                 was_cancelled = token.IsCancelled();
+                num_cancelled += was_cancelled ? 1 : 0;
                 EXPECT_EQ(r.projector.IsComplete(), !was_cancelled);
                 if (was_cancelled && linear) {
                     EXPECT_TRUE(log.find("LinProjectXYSlices: Cancelled\n") != std::string::npos ||
@@ -131,6 +136,7 @@ TEST(MipRobustness, CancellationAtEveryPointIsCleanAndLogged) {
             EXPECT_FALSE(was_cancelled);
         }
     }
+    RecordProperty("points_cancelled", num_cancelled);
     reference_host::LogToCallback({});
     reference_host::SetLogLevel(0);
 }

@@ -44,6 +44,8 @@ bool run_with_fault(Fault fault, std::int64_t k, const std::function<void()>& op
 // Sweeps all faults; `scenario` makes fresh data, runs the operation through its argument, repeats and checks it.
 using Runner = std::function<bool(const std::function<void()>&)>;
 void sweep(const std::function<void(const Runner&)>& scenario) {
+    static std::int64_t num_swept = 0;
+    const std::int64_t num_before = num_swept;
     for (const int servers : {1, 3}) {
         reference_host::SetNumberOfServers(servers);
         for (const Fault fault : {Fault::Allocation, Fault::Mapping, Fault::Cancellation}) {
@@ -55,10 +57,13 @@ void sweep(const std::function<void(const Runner&)>& scenario) {
                     came = run_with_fault(fault, k, operation);
                     return came;
                 });
+                num_swept += came ? 1 : 0;
             }
             EXPECT_FALSE(came);
         }
     }
+    testing::Test::RecordProperty("faults_up_to_here", std::to_string(num_swept));
+    EXPECT_GT(num_swept, num_before);
 }
 
 // The prepared slices rest in blocks of their own, and none of them in a work block.

@@ -258,6 +258,7 @@ TEST_F(RayCastFrames, EveryRefusalLeavesNothingBehindAndTheNextFrameRight) {
             EXPECT_EQ(reference_host::GetPagerStatistics().mappings, statistics.mappings) << k;
             EXPECT_EQ(reference_host::GetPagerStatistics().blocks, statistics.blocks) << k;
         }
+        RecordProperty(refuse_map ? "mappings_refused" : "allocations_refused", refused_frames);
         // One refused mapping of the whole volume is made good by layers.
         EXPECT_GE(refused_frames, refuse_map ? 2 : 6);
     }
@@ -286,6 +287,7 @@ TEST_F(RayCastFrames, EveryCancellationReachesTheHostAndTheNextFrameIsRight) {
             renderer.facade.SetRenderMode(Facade::RENDER_MODE_FINAL);
             EXPECT_EQ(renderer.render(), reference) << "after cancellation " << k;
             ASSERT_LT(k, 1000);
+            RecordProperty(mode == Facade::RENDER_MODE_FINAL ? "final_cancelled" : "interactive_cancelled", k - 1);
         }
     }
     EXPECT_EQ(reference_host::GetPagerStatistics().mappings, statistics.mappings);

@@ -223,6 +223,7 @@ TEST(TissueIndex, FailuresLeaveNothingBehind) {
     tissues.emplace_back(Storage::Lists, size, std::vector<int>{0, 0, 0}, 3, true, 1);
     IP_VolRTissueList list = list_of(tissues);
     const reference_host::PagerStatistics before = reference_host::GetPagerStatistics();
+    int num_swept = 0;
     for (int kind = 0; kind < 3; kind++) {
         bool came = true;
         for (int k = 1; came && k < 300; k++) {
@@ -244,6 +245,7 @@ TEST(TissueIndex, FailuresLeaveNothingBehind) {
             }
             reference_host::SetPagerFaults({});
             came = done != true;
+            num_swept += came ? 1 : 0;
             EXPECT_EQ(log.Count("Failed in IP_VolTisInd creation\n"), done == false ? 1 : 0);
             EXPECT_EQ(reference_host::GetPagerStatistics().mappings, before.mappings);
             EXPECT_EQ(data.GetNVolData(), done == true ? 1 : 0);
@@ -252,6 +254,7 @@ TEST(TissueIndex, FailuresLeaveNothingBehind) {
         }
         EXPECT_FALSE(came);
     }
+    testing::Test::RecordProperty("faults_swept", num_swept);
     EXPECT_EQ(reference_host::GetPagerStatistics().blocks, before.blocks);
 }
 
