@@ -21,6 +21,7 @@ namespace {
 
 constexpr const char* kSource = "ip_volr/IP_MIPProjector";
 constexpr unsigned kQuotaSlices = 200;
+constexpr double kMostPoolVoxels = 4096.0 * 4096.0;  // of a slice that the pool holds
 constexpr float kBytesPerVoxel = 2.0F;
 constexpr int kStripBytes = 262144;
 constexpr int kWeightOne = 32768;
@@ -326,8 +327,12 @@ void IP_MIPProjector::take_transposed_blocks(IP_VolRParamsMIP* p) {
     p->m_VolumeBox.GetDims(dims);
     if (dims[0] <= 0 || dims[1] <= 0 || dims[2] <= 0) {
         p->m_VolumeBox = *p->m_VolData->GetBoundingBox();
+        p->m_VolumeBox.GetDims(dims);
     }
-    allocate_quota_slice_chunk(p, kQuotaSlices, kBytesPerVoxel);
+    // Volumes far from each other span a box of slices that fill the memory: the frame uses memory of its own then.
+    if (static_cast<double>(dims[0]) * dims[1] <= kMostPoolVoxels) {
+        allocate_quota_slice_chunk(p, kQuotaSlices, kBytesPerVoxel);
+    }
 
     // Two blocks for each subtask: they stay in the cache from the transposition to the projection.
     MipFrame& f = *m_Frame;

@@ -56,7 +56,9 @@ TEST(PortableMath, PowersAnglesAndLengthsAreRight) {
         const double base = 1.0 - k / 255.0;
         EXPECT_EQ(ip_volr::portable_power(base, 1.0), base);
         for (const double exponent : {1e-3, 0.3, 0.5, 2.0, 7.7, 30.0}) {
-            EXPECT_DOUBLE_EQ(ip_volr::portable_power(base, exponent), std::pow(base, exponent));
+            // The system's own function may be wrong in the last digits.
+            const double expected = std::pow(base, exponent);
+            EXPECT_NEAR(ip_volr::portable_power(base, exponent), expected, 1e-14 * expected);
         }
         const auto cosine = static_cast<float>(base);
         EXPECT_NEAR(ip_volr::portable_arc_cosine(cosine), std::acos(base), 2e-7);
