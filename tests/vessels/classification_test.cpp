@@ -68,8 +68,8 @@ TEST(VesselClassification, DecidesInTheDescribedOrder) {
 }
 
 TEST(VesselClassification, RejectsPointsWithoutNeighbourhoodUnread) {
-    voldata_manager data;
     const auto volume = make_data(6, 6, 6, [](int, int, int) { return 200; });
+    voldata_manager data;  // goes before what it maps
     data.attach(volume.get());
     VesselStatistics statistics;
     const double nan = std::numeric_limits<double>::quiet_NaN();
