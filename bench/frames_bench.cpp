@@ -39,7 +39,7 @@ std::vector<scene::ClipPlane> half_box(const scene::VolumeSource& source) {
 
 void mip_turn(benchmark::State& state, const std::string& volume_name, const MipCase& c) {
     constexpr int kViews = 36;
-    constexpr int kTurns = 3;
+    constexpr int kTurns = 5;
     scene::VolumeSource& source = *volume(volume_name).source;
     scene::Projection projection(source, c.linear);
     if (c.slab) {

@@ -36,8 +36,9 @@ private:
 // limit's least.
 void run_beside(benchmark::State& state, const Work& work, const std::function<double()>& limit);
 
-// One iteration: a full turn of `num_views` views, `num_turns` times; each view counts with its least time. Counters:
-// median and worst view, `worst_ratio` (worst over median), the limit's median, and `ratio`: median over limit.
+// One iteration: a full turn of `num_views` views, `num_turns` times; the limit runs before each. Each view counts with
+// its least time, and so does the limit beside it. Counters: median and worst view, `worst_ratio` (worst over median),
+// the limit's median, and `ratio`: median over median.
 void run_turn(benchmark::State& state, int num_views, int num_turns, const std::function<void(int view)>& draw,
               const std::function<double()>& limit);
 
