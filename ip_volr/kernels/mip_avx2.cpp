@@ -92,6 +92,29 @@ __m256i round_sums(const Sums& s) {
                               _mm256_srai_epi32(_mm256_add_epi32(s.high, half), 15));
 }
 
+// Weighted sums of a row's pixels and their neighbours. Neighbours lie side by side in memory already, so a load is a
+// vector of pairs: those of the even pixels of a group, or, a pixel further, those of the odd ones.
+class NeighbourPairs {
+public:
+    NeighbourPairs(const std::int16_t* row, std::int16_t own, std::int16_t neighbour, int step)
+        : m_Pairs(step > 0 ? row : row - 1),
+          m_Weights(step > 0 ? weight_pair(own, neighbour) : weight_pair(neighbour, own)) {}
+
+    __m256i even(std::size_t i) const { return _mm256_madd_epi16(load(m_Pairs + i), m_Weights); }
+    __m256i odd(std::size_t i) const { return _mm256_madd_epi16(load(m_Pairs + i + 1), m_Weights); }
+
+private:
+    const std::int16_t* m_Pairs;
+    __m256i m_Weights;
+};
+
+// Weights add up to one, so that a rounded sum fits its 16 bits: those from bit 15 on are taken where they are needed.
+__m256i round_pixels(__m256i even, __m256i odd) {
+    const __m256i half = _mm256_set1_epi32(16384);
+    return _mm256_blend_epi16(_mm256_srli_epi32(_mm256_add_epi32(even, half), 15),
+                              _mm256_slli_epi32(_mm256_add_epi32(odd, half), 1), 0xAA);
+}
+
 // Groups of a whole row; the last one overlaps the one before.
 template <class Group>
 void for_groups(std::size_t count, const Group& group) {
@@ -108,29 +131,28 @@ void blend(std::int16_t* dst, const std::int16_t* near_row, const std::int16_t* 
     const auto put = [dst](std::size_t i, __m256i v) {
         store(dst + i, kKeepMaximum ? _mm256_max_epi16(load(dst + i), v) : v);
     };
-    const auto blend_two = [&](const std::int16_t* q, __m256i pair) {
+    if (w.a1 == 0 && w.b1 == 0) {
+        const __m256i pair = weight_pair(w.a0, w.b0);
         for_groups(count, [&](std::size_t i) {
             call_in(near_row + i + kAhead);
-            call_in(q + i + kAhead);
-            put(i, round_sums(weigh(load(near_row + i), load(q + i), pair)));
+            call_in(far_row + i + kAhead);
+            put(i, round_sums(weigh(load(near_row + i), load(far_row + i), pair)));
         });
-    };
+        return;
+    }
+    const NeighbourPairs near(near_row, w.a0, w.a1, w.step);
     if (w.b0 == 0 && w.b1 == 0) {
-        blend_two(near_row + w.step, weight_pair(w.a0, w.a1));
+        for_groups(count, [&](std::size_t i) {
+            call_in(near_row + i + kAhead);
+            put(i, round_pixels(near.even(i), near.odd(i)));
+        });
         return;
     }
-    if (w.a1 == 0 && w.b1 == 0) {
-        blend_two(far_row, weight_pair(w.a0, w.b0));
-        return;
-    }
-    const __m256i near_pair = weight_pair(w.a0, w.a1);
-    const __m256i far_pair = weight_pair(w.b0, w.b1);
+    const NeighbourPairs far(far_row, w.b0, w.b1, w.step);
     for_groups(count, [&](std::size_t i) {
         call_in(near_row + i + kAhead);
         call_in(far_row + i + kAhead);
-        const Sums near = weigh(load(near_row + i), load(near_row + i + w.step), near_pair);
-        const Sums far = weigh(load(far_row + i), load(far_row + i + w.step), far_pair);
-        put(i, round_sums({_mm256_add_epi32(near.low, far.low), _mm256_add_epi32(near.high, far.high)}));
+        put(i, round_pixels(_mm256_add_epi32(near.even(i), far.even(i)), _mm256_add_epi32(near.odd(i), far.odd(i))));
     });
 }
 
