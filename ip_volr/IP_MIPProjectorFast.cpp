@@ -317,7 +317,7 @@ bool IP_MIPProjector::run_batch(void (IP_MIPProjector::*method)(), int first, in
     // faster: each transposes only the columns that land on its rows, in longer runs of memory.
     const int per_server = f.transposed.empty() ? kSubtasksPerServer : 1;
     const int subtasks = TCO_CompoundTaskManager::GetNumberOfServers() * per_server;
-    f.make_tiles(subtasks);
+    f.make_tiles(subtasks, m_Dir == 2);
     run_pass(2, method, subtasks);
     return true;
 }

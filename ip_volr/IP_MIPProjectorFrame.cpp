@@ -50,12 +50,30 @@ void MipFrame::sheets_in_rows(int row, int first_row, int last_row, int& first, 
     }
 }
 
-void MipFrame::make_tiles(int tiles) {
-    // Count the voxel rows that land on each picture row.
+void MipFrame::make_tiles(int tiles, bool sheets_are_slices) {
+    // Which stored slices of the batch there are.
+    const auto is_there = [this](int slice) {
+        return slice >= batch_first && slice < batch_last && stored[static_cast<std::size_t>(slice)] != nullptr;
+    };
+    int first = batch_first;
+    int last = batch_last;
+    while (first < last && !is_there(first)) {
+        first++;
+    }
+    while (first < last && !is_there(last - 1)) {
+        last--;
+    }
+
+    // Count the voxel rows of the batch that land on each picture row.
     std::vector<long long> rows(static_cast<std::size_t>(height) + 1, 0);
     for (const MipPlacement& sheet : sheets) {
-        rows[static_cast<std::size_t>(sheet.y)]++;
-        rows[static_cast<std::size_t>(sheet.y + sheet_height)]--;
+        if (!sheets_are_slices) {
+            rows[static_cast<std::size_t>(sheet.y + first)]++;
+            rows[static_cast<std::size_t>(sheet.y + last)]--;
+        } else if (is_there(sheet.stored_slice)) {
+            rows[static_cast<std::size_t>(sheet.y)]++;
+            rows[static_cast<std::size_t>(sheet.y + sheet_height)]--;
+        }
     }
     long long total = 0;
     for (long long current = 0; long long& row : rows) {

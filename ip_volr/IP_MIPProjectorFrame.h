@@ -143,8 +143,9 @@ struct MipFrame {
     // The sheets [first, last) of which row `row` lies in the picture rows [first_row, last_row).
     void sheets_in_rows(int row, int first_row, int last_row, int& first, int& last) const;
 
-    // Cuts the picture's rows into `tiles` parts of about the same number of voxel rows.
-    void make_tiles(int tiles);
+    // Cuts the picture's rows into `tiles` parts on which about the same number of the batch's voxel rows land. A sheet
+    // is a stored slice, or else a row of each.
+    void make_tiles(int tiles, bool sheets_are_slices);
 };
 
 // Unmaps the pool's blocks of a frame at the end of its life.
