@@ -1,6 +1,7 @@
 #include "scene/volume_rendering.h"
 
 #include "scene/error.h"
+#include "scene/parallel.h"
 
 #include <algorithm>
 #include <cmath>
@@ -191,19 +192,30 @@ Picture Developed(const std::vector<std::uint32_t>& raw, int width, int height, 
         exposed[c] = std::min<std::uint32_t>(255, (c * 255 + kFullWhite / 2) / kFullWhite);
     }
 
-    Picture picture(width, height);
-    for (std::size_t i = 0; i < raw.size(); ++i) {
-        const std::uint32_t t = see_through[raw[i] >> 24];
-        const std::uint32_t alpha = background.transparent ? 255 - t : 255;
-        std::uint32_t pixel = alpha << 24;
-        for (int shift = 0; shift < 24 && alpha > 0; shift += 8) {
-            const std::uint32_t colour = exposed[raw[i] >> shift & 255];
-            const std::uint32_t behind = ((background.rgb >> shift & 255) * t + 127) / 255;
-            const std::uint32_t channel = background.transparent ? (colour * 255 + alpha / 2) / alpha : colour + behind;
-            pixel |= std::min<std::uint32_t>(255, channel) << shift;
+    // An opaque background's part of each channel, by transparency.
+    std::array<std::array<std::uint32_t, 3>, 256> behind{};
+    for (std::size_t t = 0; t < 256; ++t) {
+        for (std::size_t channel = 0; channel < 3; ++channel) {
+            behind[t][channel] = ((background.rgb >> (8 * channel) & 255) * see_through[t] + 127) / 255;
         }
-        picture.pixels[i] = pixel;
     }
+
+    Picture picture(width, height);
+    ForEachIndex(height, [&](int y) {
+        const std::size_t first = static_cast<std::size_t>(y) * static_cast<std::size_t>(width);
+        for (std::size_t i = first; i < first + static_cast<std::size_t>(width); ++i) {
+            const std::uint32_t t = see_through[raw[i] >> 24];
+            const std::uint32_t alpha = background.transparent ? 255 - t : 255;
+            std::uint32_t pixel = alpha << 24;
+            for (std::size_t channel = 0; channel < 3 && alpha > 0; ++channel) {
+                const std::uint32_t colour = exposed[raw[i] >> (8 * channel) & 255];
+                const std::uint32_t value = background.transparent ? (colour * 255 + alpha / 2) / alpha
+                                                                   : colour + behind[raw[i] >> 24][channel];
+                pixel |= std::min<std::uint32_t>(255, value) << (8 * channel);
+            }
+            picture.pixels[i] = pixel;
+        }
+    });
     return picture;
 }
 
