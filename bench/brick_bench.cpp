@@ -1,6 +1,6 @@
 // The brick structure on a CT-sized volume (512 x 512 x 400), beside a streaming read of the same bytes.
+#include "bench/limits.h"
 #include "host/images.h"
-#include "host/tasks.h"
 #include "ip_volr/IP_VOLRC_BrickStructure.h"
 
 #include <benchmark/benchmark.h>
@@ -92,41 +92,12 @@ IP_VOLRC_BrickStructure make_structure() {
     return {tables.luminosity, tables.prefix, tables.colours, true};
 }
 
-// What the machine can do: all servers read all pixels.
-class StreamingReader {
-public:
-    void Run() {
-        TCO_CompoundRunnable<StreamingReader> runnable(this, &StreamingReader::ReadShare);
-        TCO_CompoundTaskManager::GetHandle()->ExecuteCompoundTask(&runnable, false, 0, false);
-    }
-
-private:
-    void ReadShare() {
-        const TCO_RunnableSelf self;
-        std::uint64_t sums[4] = {};
-        for (int z = self.StartRange(kDepth - 1, 0); z <= self.EndRange(kDepth - 1, 0); ++z) {
-            const auto* const slice = dynamic_cast<IP_ShortSlice*>(scene().volume->GetSlice(z));
-            const short* const pixels = slice == nullptr ? nullptr : slice->GetMappedSlice();
-            for (std::int64_t i = 0; pixels != nullptr && i < kSliceVoxels; i += 16) {
-                std::uint64_t words[4];
-                std::memcpy(words, pixels + i, sizeof(words));
-                for (int k = 0; k < 4; ++k) {
-                    sums[k] += words[k];
-                }
-            }
-        }
-        benchmark::DoNotOptimize(sums);
-    }
-};
-
 void BM_StreamingRead(benchmark::State& state) {
     IP_VolData& volume = *scene().volume;
-    IP_SliceVector::MapIPSliceVec(volume.GetSlices(), kDepth, nullptr, false, false);
-    StreamingReader reader;
+    volr_bench::Stream stream(volume);
     for ([[maybe_unused]] auto _ : state) {
-        reader.Run();
+        stream.read_seconds();
     }
-    IP_SliceVector::UnMapIPSliceVec(volume.GetSlices(), kDepth, nullptr, false);
     state.SetBytesProcessed(state.iterations() * kVolumeBytes);
 }
 

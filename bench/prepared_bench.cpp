@@ -1,5 +1,5 @@
 // Preparation of MIP data from a CT-sized volume (512 x 512 x 400), beside a streaming read of the same bytes.
-#include "host/tasks.h"
+#include "bench/limits.h"
 #include "ip_volr/IP_MultiVolDataIncMIP.h"
 #include "ip_volr/IP_MultiVolRTisIndInc.h"
 #include "ip_volr/IP_VolRTissueList.h"
@@ -8,7 +8,6 @@
 
 #include <cmath>
 #include <cstdint>
-#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
@@ -62,44 +61,13 @@ bool rebuild(IP_MultiVolDataIncMIP& data, IP_MultiVolData& source, int quality) 
     return data.Rebuild(&source, nullptr, false, quality == 0 ? 2 : 1, 1, 1, quality, false, -32768);
 }
 
-// What the machine can do: all servers read all pixels.
-class StreamingReader {
-public:
-    explicit StreamingReader(IP_VolData& volume) : m_Volume(volume) {}
-    void Run() {
-        TCO_CompoundRunnable<StreamingReader> runnable(this, &StreamingReader::ReadShare);
-        TCO_CompoundTaskManager::GetHandle()->ExecuteCompoundTask(&runnable, false, 0, false);
-    }
-
-private:
-    void ReadShare() {
-        const TCO_RunnableSelf self;
-        std::uint64_t sums[4] = {};
-        for (int z = self.StartRange(kDepth - 1, 0); z <= self.EndRange(kDepth - 1, 0); z++) {
-            const short* const pixels = static_cast<IP_ShortSlice*>(m_Volume.GetSlice(z))->GetMappedSlice();
-            for (std::int64_t i = 0; i < kSliceVoxels; i += 16) {
-                std::uint64_t words[4];
-                std::memcpy(words, pixels + i, sizeof(words));
-                for (int k = 0; k < 4; k++) {
-                    sums[k] += words[k];
-                }
-            }
-        }
-        benchmark::DoNotOptimize(sums);
-    }
-
-    IP_VolData& m_Volume;
-};
-
 void BM_PreparedStreamingRead(benchmark::State& state) {
     IP_MultiVolData source = series(kDepth);
     IP_VolData& volume = *source.GetVolData(0);
-    IP_SliceVector::MapIPSliceVec(volume.GetSlices(), kDepth, nullptr, false, false);
-    StreamingReader reader(volume);
+    volr_bench::Stream stream(volume);
     for ([[maybe_unused]] auto _ : state) {
-        reader.Run();
+        stream.read_seconds();
     }
-    IP_SliceVector::UnMapIPSliceVec(volume.GetSlices(), kDepth, nullptr, false);
     state.SetBytesProcessed(state.iterations() * kVolumeBytes);
 }
 

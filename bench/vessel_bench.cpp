@@ -5,6 +5,7 @@
 #include <memory>
 #include <vector>
 
+#include "bench/scenes.h"
 #include "scene/phantom.h"
 #include "scene/picking.h"
 #include "scene/presets.h"
@@ -15,38 +16,13 @@ namespace {
 
 using Pixels = std::vector<std::array<double, 2>>;
 
-scene::ImportedVolume Imported(const scene::Phantom& phantom) {
-    scene::ImportedVolume v;
-    v.dims = phantom.size;
-    v.spacing_mm = ToArray(phantom.spacing_mm);
-    v.index_to_patient = {phantom.spacing_mm.x,
-                          0,
-                          0,
-                          phantom.origin_mm.x,
-                          0,
-                          phantom.spacing_mm.y,
-                          0,
-                          phantom.origin_mm.y,
-                          0,
-                          0,
-                          phantom.spacing_mm.z,
-                          phantom.origin_mm.z};
-    v.voxels = scene::VoxelBuffer(phantom.voxels.size());
-    std::copy(phantom.voxels.begin(), phantom.voxels.end(), v.voxels.data());
-    v.min_value = -1024;
-    v.max_value = 3071;
-    v.is_signed = true;
-    v.bits_stored = 13;
-    return v;
-}
-
 // The 512 x 512 x 400 phantom, seen obliquely from above, and the pixels of its vessels.
 struct Subject {
     Subject() {
         scene::PhantomRequest request;
         request.size = {512, 512, 400};
         const scene::Phantom phantom = scene::MakePhantom(request);
-        source = std::make_unique<scene::VolumeSource>(Imported(phantom));
+        source = std::make_unique<scene::VolumeSource>(volr_bench::imported(phantom));
         scene::View view;
         view.azimuth_deg = 20.0;
         view.elevation_deg = 35.0;

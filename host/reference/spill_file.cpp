@@ -40,7 +40,33 @@ std::string default_folder() {
     return std::filesystem::temp_directory_path(error).string();
 }
 
+// Moves all bytes, however few `move_some(data, at_most, offset)` moves at once; false when it moves none.
+template <class Byte, class MoveSome>
+bool move_all(Byte* data, std::int64_t bytes, std::int64_t offset, const MoveSome& move_some) {
+    while (bytes > 0) {
+        const std::int64_t moved = move_some(data, std::min(bytes, kLargestTransfer), offset);
+        if (moved <= 0) {
+            return false;
+        }
+        data += moved;
+        bytes -= moved;
+        offset += moved;
+    }
+    return true;
+}
+
 #if !defined(_WIN32)
+
+// Repeats a system call that a signal interrupts.
+template <class Call>
+std::int64_t uninterrupted(const Call& call) {
+    while (true) {
+        const std::int64_t result = call();
+        if (result >= 0 || errno != EINTR) {
+            return result;
+        }
+    }
+}
 
 int open_unnamed(const std::string& folder) {
 #if defined(O_TMPFILE)
@@ -102,42 +128,35 @@ std::shared_ptr<SpillFile> SpillFile::Open(const std::string& folder) {
     return std::shared_ptr<SpillFile>(new SpillFile(handle));
 }
 
+namespace {
+
+OVERLAPPED position_of(std::int64_t offset) {
+    OVERLAPPED position{};
+    position.Offset = static_cast<DWORD>(offset);
+    position.OffsetHigh = static_cast<DWORD>(offset >> 32);
+    return position;
+}
+
+}  // namespace
+
 SpillFile::~SpillFile() {
     CloseHandle(m_Handle);
 }
 
 bool SpillFile::WriteAt(const char* data, std::int64_t bytes, std::int64_t offset) const {
-    while (bytes > 0) {
-        OVERLAPPED position{};
-        position.Offset = static_cast<DWORD>(offset);
-        position.OffsetHigh = static_cast<DWORD>(offset >> 32);
+    return move_all(data, bytes, offset, [this](const char* from, std::int64_t at_most, std::int64_t at) {
+        OVERLAPPED position = position_of(at);
         DWORD done = 0;
-        const DWORD wanted = static_cast<DWORD>(std::min(bytes, kLargestTransfer));
-        if (WriteFile(m_Handle, data, wanted, &done, &position) == 0 || done == 0) {
-            return false;
-        }
-        data += done;
-        bytes -= done;
-        offset += done;
-    }
-    return true;
+        return WriteFile(m_Handle, from, static_cast<DWORD>(at_most), &done, &position) == 0 ? -1 : std::int64_t{done};
+    });
 }
 
 bool SpillFile::ReadAt(char* data, std::int64_t bytes, std::int64_t offset) const {
-    while (bytes > 0) {
-        OVERLAPPED position{};
-        position.Offset = static_cast<DWORD>(offset);
-        position.OffsetHigh = static_cast<DWORD>(offset >> 32);
+    return move_all(data, bytes, offset, [this](char* to, std::int64_t at_most, std::int64_t at) {
+        OVERLAPPED position = position_of(at);
         DWORD done = 0;
-        const DWORD wanted = static_cast<DWORD>(std::min(bytes, kLargestTransfer));
-        if (ReadFile(m_Handle, data, wanted, &done, &position) == 0 || done == 0) {
-            return false;
-        }
-        data += done;
-        bytes -= done;
-        offset += done;
-    }
-    return true;
+        return ReadFile(m_Handle, to, static_cast<DWORD>(at_most), &done, &position) == 0 ? -1 : std::int64_t{done};
+    });
 }
 
 // The file may stay longer than needed: its length is a shared position that other threads' transfers do not use.
@@ -156,36 +175,15 @@ SpillFile::~SpillFile() {
 
 bool SpillFile::WriteAt(const char* data, std::int64_t bytes, std::int64_t offset) const {
     const FileSizeSignalBlock no_signal;
-    while (bytes > 0) {
-        const ssize_t done =
-            pwrite(m_Handle, data, static_cast<std::size_t>(std::min(bytes, kLargestTransfer)), offset);
-        if (done < 0 && errno == EINTR) {
-            continue;
-        }
-        if (done <= 0) {
-            return false;
-        }
-        data += done;
-        bytes -= done;
-        offset += done;
-    }
-    return true;
+    return move_all(data, bytes, offset, [this](const char* from, std::int64_t at_most, std::int64_t at) {
+        return uninterrupted([&] { return pwrite(m_Handle, from, static_cast<std::size_t>(at_most), at); });
+    });
 }
 
 bool SpillFile::ReadAt(char* data, std::int64_t bytes, std::int64_t offset) const {
-    while (bytes > 0) {
-        const ssize_t done = pread(m_Handle, data, static_cast<std::size_t>(std::min(bytes, kLargestTransfer)), offset);
-        if (done < 0 && errno == EINTR) {
-            continue;
-        }
-        if (done <= 0) {
-            return false;
-        }
-        data += done;
-        bytes -= done;
-        offset += done;
-    }
-    return true;
+    return move_all(data, bytes, offset, [this](char* to, std::int64_t at_most, std::int64_t at) {
+        return uninterrupted([&] { return pread(m_Handle, to, static_cast<std::size_t>(at_most), at); });
+    });
 }
 
 void SpillFile::Truncate(std::int64_t length) const {

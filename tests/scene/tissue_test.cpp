@@ -11,6 +11,7 @@
 #include "scene/projection.h"
 #include "scene/vector3.h"
 #include "scene/volume_source.h"
+#include "tests/scene/turned_grid.h"
 
 namespace {
 
@@ -21,6 +22,7 @@ using scene::TissueLook;
 using scene::TissuePlan;
 using scene::TissueWish;
 using scene::Vec3;
+using scene_test::TurnedVolume;
 
 using Index = std::array<int, 3>;
 using Column = std::array<double, 3>;
@@ -41,26 +43,6 @@ void ForEachVoxel(const Index& dims, const Visit& visit) {
             }
         }
     }
-}
-
-// A grid with columns turned about a slanted axis.
-ImportedVolume Grid(const Index& dims, const std::array<double, 3>& spacing_mm, double degrees) {
-    ImportedVolume v;
-    v.dims = dims;
-    v.spacing_mm = spacing_mm;
-    const Vec3 about = Normalised(Vec3{0.3, -0.5, 0.8});
-    const Vec3 axes[3] = {{1, 0, 0}, {0, 1, 0}, {0, 0, 1}};
-    for (std::size_t i = 0; i < 3; ++i) {
-        const Vec3 step = Rotated(axes[i], about, degrees * 3.14159265358979 / 180.0) * spacing_mm[i];
-        v.index_to_patient[i] = step.x;
-        v.index_to_patient[4 + i] = step.y;
-        v.index_to_patient[8 + i] = step.z;
-    }
-    v.index_to_patient[3] = 21.0;
-    v.index_to_patient[7] = -140.0;
-    v.index_to_patient[11] = 812.5;
-    v.voxels = scene::VoxelBuffer(Linear(dims, {0, 0, dims[2]}));
-    return v;
 }
 
 Column Position(const ImportedVolume& v, const std::array<double, 3>& index) {
@@ -98,7 +80,7 @@ int LabelAt(const LabelVolume& labels, const Index& i) {
 }
 
 TEST(LabelMaps, LieAtTheirPlaceWhateverTheOrderOfTheirAxes) {
-    const ImportedVolume volume = Grid({11, 9, 7}, {0.7, 1.1, 2.5}, 33.0);
+    const ImportedVolume volume = TurnedVolume({11, 9, 7}, {0.7, 1.1, 2.5}, 33.0);
     Index order = {0, 1, 2};
     do {
         for (unsigned flip = 0; flip < 8; ++flip) {
@@ -138,8 +120,8 @@ TEST(LabelMaps, LieAtTheirPlaceWhateverTheOrderOfTheirAxes) {
 }
 
 TEST(LabelMaps, OfAnotherGridAreRefusedOrResampledToTheNearestVoxel) {
-    const ImportedVolume volume = Grid({23, 17, 9}, {1.0, 1.0, 2.0}, 20.0);
-    ImportedVolume map = Grid({12, 12, 7}, {1.7, 1.3, 2.2}, 24.0);
+    const ImportedVolume volume = TurnedVolume({23, 17, 9}, {1.0, 1.0, 2.0}, 20.0);
+    ImportedVolume map = TurnedVolume({12, 12, 7}, {1.7, 1.3, 2.2}, 24.0);
     std::iota(map.voxels.data(), map.voxels.data() + map.voxels.size(), std::int16_t{1});
     LabelVolume labels(volume);
     EXPECT_THROW(labels.Add(map, false, "map"), scene::Error);
@@ -174,9 +156,9 @@ TEST(LabelMaps, OfAnotherGridAreRefusedOrResampledToTheNearestVoxel) {
 }
 
 TEST(LabelMaps, FurtherMapsLieOnTopWithNumbersOfTheirOwn) {
-    const ImportedVolume volume = Grid({6, 1, 1}, {1, 1, 1}, 0.0);
-    ImportedVolume first = Grid({6, 1, 1}, {1, 1, 1}, 0.0);
-    ImportedVolume second = Grid({6, 1, 1}, {1, 1, 1}, 0.0);
+    const ImportedVolume volume = TurnedVolume({6, 1, 1}, {1, 1, 1}, 0.0);
+    ImportedVolume first = TurnedVolume({6, 1, 1}, {1, 1, 1}, 0.0);
+    ImportedVolume second = TurnedVolume({6, 1, 1}, {1, 1, 1}, 0.0);
     const int first_values[] = {0, 3, 3, 7, 7, 0};
     const int second_values[] = {0, 0, 255, 255, 9, 9};
     std::copy(std::begin(first_values), std::end(first_values), first.voxels.data());
@@ -280,11 +262,11 @@ TEST(TissuePlans, ShareOneIndexAmongLabelsThatNobodyNamed) {
 
 TEST(TissueVolumes, HoldTheIndicesAndMasksOfEveryVoxel) {
     for (const Index& dims : {Index{7, 5, 3}, Index{8, 5, 4}, Index{1, 1, 1}}) {
-        ImportedVolume map = Grid(dims, {1.0, 1.5, 2.0}, 10.0);
+        ImportedVolume map = TurnedVolume(dims, {1.0, 1.5, 2.0}, 10.0);
         for (std::size_t i = 0; i < map.voxels.size(); ++i) {
             map.voxels[i] = static_cast<std::int16_t>(i * 7919 % 11 / 3);
         }
-        ImportedVolume grey = Grid(dims, {1.0, 1.5, 2.0}, 10.0);
+        ImportedVolume grey = TurnedVolume(dims, {1.0, 1.5, 2.0}, 10.0);
         std::iota(grey.voxels.data(), grey.voxels.data() + grey.voxels.size(), std::int16_t{100});
         grey.is_signed = true;
         grey.min_value = 100;
@@ -323,7 +305,7 @@ TEST(TissueVolumes, HoldTheIndicesAndMasksOfEveryVoxel) {
 
 // A volume of spread values, its lowest in the first voxel, without the voxels that are hidden.
 ImportedVolume Scattered(const Index& dims, const std::function<bool(const Index&)>& hidden) {
-    ImportedVolume v = Grid(dims, {1.0, 1.1, 2.3}, 15.0);
+    ImportedVolume v = TurnedVolume(dims, {1.0, 1.1, 2.3}, 15.0);
     v.is_signed = true;
     v.bits_stored = 12;
     v.min_value = -1000;

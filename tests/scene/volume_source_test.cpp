@@ -9,6 +9,7 @@
 #include "scene/presets.h"
 #include "scene/random_stream.h"
 #include "scene/volume_rendering.h"
+#include "tests/scene/turned_grid.h"
 
 namespace {
 
@@ -20,21 +21,7 @@ using scene::VolumeSource;
 // A volume of one value with anisotropic voxels on a turned grid.
 ImportedVolume Turned(const std::array<int, 3>& dims, const std::array<double, 3>& spacing_mm, double degrees,
                       std::int16_t fill) {
-    ImportedVolume v;
-    v.dims = dims;
-    v.spacing_mm = spacing_mm;
-    const Vec3 axis = Normalised(Vec3{0.3, -0.5, 0.8});
-    const Vec3 axes[3] = {{1, 0, 0}, {0, 1, 0}, {0, 0, 1}};
-    for (std::size_t i = 0; i < 3; ++i) {
-        const Vec3 step = Rotated(axes[i], axis, degrees * 3.14159265358979 / 180.0) * spacing_mm[i];
-        v.index_to_patient[i] = step.x;
-        v.index_to_patient[4 + i] = step.y;
-        v.index_to_patient[8 + i] = step.z;
-    }
-    v.index_to_patient[3] = 21.0;
-    v.index_to_patient[7] = -140.0;
-    v.index_to_patient[11] = 812.5;
-    v.voxels = scene::VoxelBuffer(static_cast<std::size_t>(dims[0]) * dims[1] * dims[2]);
+    ImportedVolume v = scene_test::TurnedVolume(dims, spacing_mm, degrees);
     std::fill(v.voxels.data(), v.voxels.data() + v.voxels.size(), fill);
     v.is_signed = true;
     v.bits_stored = 12;

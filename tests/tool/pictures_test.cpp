@@ -16,11 +16,8 @@ using scene::Vec3;
 using tool_test::Folder;
 using tool_test::Outcome;
 using tool_test::ReadJson;
+using tool_test::ToVec;
 using tool_test::Volr;
-
-Vec3 ToVec(const nlohmann::json& j) {
-    return {j[0], j[1], j[2]};
-}
 
 // A phantom shared by the tests of the suite.
 class Tool : public testing::Test {

@@ -81,4 +81,8 @@ nlohmann::json ReadJson(const std::string& path) {
     return nlohmann::json::parse(Slurp(path));
 }
 
+scene::Vec3 ToVec(const nlohmann::json& j) {
+    return {j[0], j[1], j[2]};
+}
+
 }  // namespace tool_test

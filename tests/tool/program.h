@@ -1,6 +1,8 @@
 // Runs the tool and looks at what it leaves.
 #pragma once
 
+#include "scene/vector3.h"
+
 #include <nlohmann/json.hpp>
 
 #include <filesystem>
@@ -36,5 +38,7 @@ private:
 };
 
 nlohmann::json ReadJson(const std::string& path);
+// An array of three numbers.
+scene::Vec3 ToVec(const nlohmann::json& j);
 
 }  // namespace tool_test

@@ -18,14 +18,11 @@ using scene::Vec3;
 using tool_test::Folder;
 using tool_test::Outcome;
 using tool_test::ReadJson;
+using tool_test::ToVec;
 using tool_test::Volr;
 
 constexpr int kBone = 2;
 constexpr int kVessel = 4;
-
-Vec3 ToVec(const nlohmann::json& j) {
-    return {j[0], j[1], j[2]};
-}
 
 class ToolTissues : public testing::Test {
 protected:
