@@ -24,7 +24,21 @@ bool EndsWith(const std::string& path, const std::string& ending) {
     return std::equal(path.end() - static_cast<std::ptrdiff_t>(ending.size()), path.end(), ending.begin(), equal);
 }
 
-// By name; what has none of the known endings must be DICOM.
+// What has none of the known endings must be DICOM.
+SourceKind KindByName(const std::string& path) {
+    if (EndsWith(path, ".nii") || EndsWith(path, ".nii.gz")) {
+        return SourceKind::kNifti;
+    }
+    if (EndsWith(path, ".nrrd") || EndsWith(path, ".nhdr")) {
+        return SourceKind::kNrrd;
+    }
+    if (EndsWith(path, ".mha") || EndsWith(path, ".mhd")) {
+        return SourceKind::kMetaImage;
+    }
+    return SourceKind::kDicom;
+}
+
+// Of something that is there and can be read.
 SourceKind KindOf(const std::string& path) {
     struct stat status {};
     if (::stat(path.c_str(), &status) != 0) {
@@ -39,16 +53,7 @@ SourceKind KindOf(const std::string& path) {
     if (!std::ifstream(path)) {
         Refuse(path, "cannot be opened", "check its permissions");
     }
-    if (EndsWith(path, ".nii") || EndsWith(path, ".nii.gz")) {
-        return SourceKind::kNifti;
-    }
-    if (EndsWith(path, ".nrrd") || EndsWith(path, ".nhdr")) {
-        return SourceKind::kNrrd;
-    }
-    if (EndsWith(path, ".mha") || EndsWith(path, ".mhd")) {
-        return SourceKind::kMetaImage;
-    }
-    return SourceKind::kDicom;
+    return KindByName(path);
 }
 
 ImportedVolume Read(ImportContext& context, const std::string& path, SourceKind kind, Content content) {
@@ -60,6 +65,18 @@ ImportedVolume Read(ImportContext& context, const std::string& path, SourceKind 
             return ReadWithItk(context, path, kind, content);
         default:
             return ReadDicom(context, path, content);
+    }
+}
+
+std::vector<SeriesInfo> List(ImportContext& context, const std::string& path, SourceKind kind) {
+    switch (kind) {
+        case SourceKind::kNifti:
+            return {DescribeNifti(path)};
+        case SourceKind::kNrrd:
+        case SourceKind::kMetaImage:
+            return {DescribeWithItk(path, kind)};
+        default:
+            return ListDicomSeries(context, path);
     }
 }
 
@@ -129,11 +146,13 @@ ImportedVolume ImportLabels(const std::string& path, const ImportOptions& option
 }
 
 std::vector<SeriesInfo> ListSeries(const std::string& path, const ImportOptions& options) {
-    if (KindOf(path) != SourceKind::kDicom) {
-        return {};
-    }
+    const SourceKind kind = KindOf(path);
     return UnpackSeries(
-        Run(path, options, [&](ImportContext& context) { return Pack(ListDicomSeries(context, path)); }).text);
+        Run(path, options, [&](ImportContext& context) { return Pack(List(context, path, kind)); }).text);
+}
+
+bool HasVolumeName(const std::string& path) {
+    return KindByName(path) != SourceKind::kDicom;
 }
 
 }  // namespace scene

@@ -134,8 +134,12 @@ ImportedVolume ImportVolume(const std::string& path, const ImportOptions& option
 // numbers of 0 to 65535 are an ImportError. Grids are never resampled: one that is not straight is an ImportError.
 ImportedVolume ImportLabels(const std::string& path, const ImportOptions& options = {});
 
-// What a folder or file holds, without decoding pixels. Ordered by number.
+// What a folder or file holds, without decoding pixels. Ordered by number. Formats other than DICOM are one entry,
+// numbered 0.
 std::vector<SeriesInfo> ListSeries(const std::string& path, const ImportOptions& options = {});
+
+// Whether a file's name says that it is a volume of a format other than DICOM, whose files have any name.
+bool HasVolumeName(const std::string& path);
 
 }  // namespace scene
 

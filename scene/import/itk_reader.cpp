@@ -201,15 +201,26 @@ itk::ImageIOBase::Pointer MakeIo(SourceKind kind) {
     return itk::MetaImageIO::New().GetPointer();
 }
 
-ImportedVolume ReadItkVolume(ImportContext& context, const std::string& path, SourceKind kind) {
-    // Understand the header.
-    const itk::ImageIOBase::Pointer io = MakeIo(kind);
+// A reader that has understood the header.
+itk::ImageIOBase::Pointer OpenWithItk(const std::string& path, SourceKind kind) {
+    itk::ImageIOBase::Pointer io = MakeIo(kind);
     io->SetFileName(path);
     if (!io->CanReadFile(path.c_str())) {
         Refuse(path, std::string("no valid ") + Name(kind) + " header", "the file is damaged or of another format");
     }
     io->ReadImageInformation();
     RefuseColour(*io, kind, path);
+    return io;
+}
+
+// Its texts run over many lines and tell more about ITK than about the file.
+[[noreturn]] void RefuseItkFile(const std::string& path, SourceKind kind) {
+    Refuse(path, std::string("unreadable ") + Name(kind) + " file", "it is damaged, truncated or misses its data file");
+}
+
+ImportedVolume ReadItkVolume(ImportContext& context, const std::string& path, SourceKind kind) {
+    // Understand the header.
+    const itk::ImageIOBase::Pointer io = OpenWithItk(path, kind);
     const ItkExtent extent = ExtentOf(*io, path);
     context.Progress(0.05);
 
@@ -231,16 +242,29 @@ ImportedVolume ReadWithItk(ImportContext& context, const std::string& path, Sour
     ImportedVolume volume;
     try {
         volume = ReadItkVolume(context, path, kind);
-    } catch (const itk::ExceptionObject& error) {
-        // Its texts run over many lines and tell more about ITK than about the file.
-        Refuse(path, std::string("unreadable ") + Name(kind) + " file",
-               "it is damaged, truncated or misses its data file");
+    } catch (const itk::ExceptionObject&) {
+        RefuseItkFile(path, kind);
     }
     if (content == Content::kLabels) {
         MakeLabels(volume, path);
     }
     context.Progress(1.0);
     return volume;
+}
+
+SeriesInfo DescribeWithItk(const std::string& path, SourceKind kind) {
+    try {
+        const itk::ImageIOBase::Pointer io = OpenWithItk(path, kind);
+        const ItkExtent extent = ExtentOf(*io, path);
+        const std::size_t num_times = extent.num_channels * extent.num_times;
+        SeriesInfo info;
+        info.dims = extent.dims;
+        info.note = num_times > 1 ? std::to_string(num_times) + " time points" : "";
+        info.is_default = true;
+        return info;
+    } catch (const itk::ExceptionObject&) {
+        RefuseItkFile(path, kind);
+    }
 }
 
 }  // namespace scene::import

@@ -175,4 +175,15 @@ ImportedVolume ReadNifti(ImportContext& context, const std::string& path, Conten
     return volume;
 }
 
+SeriesInfo DescribeNifti(const std::string& path) {
+    ByteSource source(path);
+    const NiftiHeader header = ReadNiftiHeader(source, path);
+    const NiftiExtent extent = ExtentOf(header, TypeOf(header, path), source, path);
+    SeriesInfo info;
+    info.dims = extent.dims;
+    info.note = extent.num_volumes > 1 ? std::to_string(extent.num_volumes) + " time points" : "";
+    info.is_default = true;
+    return info;
+}
+
 }  // namespace scene::import

@@ -18,6 +18,8 @@ ImportedVolume ReadNifti(ImportContext& context, const std::string& path, Conten
 ImportedVolume ReadWithItk(ImportContext& context, const std::string& path, SourceKind kind, Content content);
 
 std::vector<SeriesInfo> ListDicomSeries(ImportContext& context, const std::string& path);
+SeriesInfo DescribeNifti(const std::string& path);
+SeriesInfo DescribeWithItk(const std::string& path, SourceKind kind);
 
 }  // namespace scene::import
 

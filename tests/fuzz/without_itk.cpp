@@ -7,4 +7,8 @@ ImportedVolume ReadWithItk(ImportContext&, const std::string& path, SourceKind, 
     Refuse(path, "not built", "build with ITK");
 }
 
+SeriesInfo DescribeWithItk(const std::string& path, SourceKind) {
+    Refuse(path, "not built", "build with ITK");
+}
+
 }  // namespace scene::import
