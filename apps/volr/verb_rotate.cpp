@@ -1,13 +1,16 @@
-// volr rotate: a full turn as numbered pictures.
+// volr rotate: a full turn as numbered pictures or as a movie.
 #include "apps/volr/projection_options.h"
 #include "apps/volr/session.h"
 #include "apps/volr/tissue_options.h"
 #include "apps/volr/verbs.h"
 #include "scene/annotation.h"
 #include "scene/error.h"
+#include "scene/movie/movie_writer.h"
 #include "scene/projection.h"
 #include "scene/volume_rendering.h"
 
+#include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <filesystem>
 #include <memory>
@@ -18,8 +21,9 @@ namespace {
 
 struct Options {
     InputOptions input;
-    std::string folder;
-    int frames = 36;
+    std::string output;
+    int frames = 0;  // 0: as many as suit the kind of output
+    int frames_per_second = 25;
     std::string mode = "render";
     ViewOptions view;
     LookOptions look;
@@ -64,10 +68,70 @@ Drawer MipDrawer(const Options& options, Tissues& tissues, scene::VolumeSource& 
     };
 }
 
-std::string FramePath(const Options& options, int frame) {
-    char name[32];
-    std::snprintf(name, sizeof name, "frame_%04d.png", frame);
-    return (std::filesystem::path(options.folder) / name).string();
+bool IsMovie(const std::string& output) {
+    std::string ending = std::filesystem::path(output).extension().string();
+    std::transform(ending.begin(), ending.end(), ending.begin(), [](unsigned char c) { return std::tolower(c); });
+    return ending == ".mp4";
+}
+
+// Takes the frames of the turn in order.
+class TurnOutput {
+public:
+    virtual ~TurnOutput() = default;
+    virtual void Add(const scene::Picture& picture) = 0;
+    virtual void Finish() {}
+};
+
+class NumberedPictures : public TurnOutput {
+public:
+    explicit NumberedPictures(const std::string& folder) : m_Folder(folder) {
+        std::error_code error;
+        std::filesystem::create_directories(folder, error);
+        CheckOutput(NextPath());
+    }
+    void Add(const scene::Picture& picture) override {
+        scene::WritePng(NextPath(), picture);
+        ++m_Count;
+    }
+
+private:
+    std::string NextPath() const {
+        char name[32];
+        std::snprintf(name, sizeof name, "frame_%04d.png", m_Count);
+        return (m_Folder / name).string();
+    }
+
+    std::filesystem::path m_Folder;
+    int m_Count = 0;
+};
+
+class Movie : public TurnOutput {
+public:
+    Movie(const Options& options, const scene::View& view)
+        : m_Writer(options.output, view.width, view.height, options.frames_per_second) {
+        if (options.picture.ParseBackground().transparent) {
+            throw scene::Error(scene::ErrorKind::kInput, "--background", "a movie has no transparency",
+                               "name a colour, or write numbered pictures");
+        }
+    }
+    void Add(const scene::Picture& picture) override { m_Writer.Add(picture); }
+    void Finish() override { m_Writer.Finish(); }
+
+private:
+    scene::MovieWriter m_Writer;
+};
+
+std::unique_ptr<TurnOutput> MakeOutput(const Options& options, const scene::View& view) {
+    if (IsMovie(options.output)) {
+        return std::make_unique<Movie>(options, view);
+    }
+    return std::make_unique<NumberedPictures>(options.output);
+}
+
+int NumFrames(const Options& options) {
+    constexpr int kPictures = 36, kMovieSeconds = 4;
+    return options.frames > 0 ? options.frames
+                              : (IsMovie(options.output) ? kMovieSeconds * options.frames_per_second : kPictures);
 }
 
 void Run(const Options& options) {
@@ -78,9 +142,7 @@ void Run(const Options& options) {
     options.projection.Check();
     options.tissues.Check();
     options.clip.Check();
-    std::error_code error;
-    std::filesystem::create_directories(options.folder, error);
-    CheckOutput(FramePath(options, 0));
+    const std::unique_ptr<TurnOutput> output = MakeOutput(options, view);
 
     Session session(options.running);
     const std::unique_ptr<scene::VolumeSource> source = session.Open(options.input);
@@ -95,9 +157,10 @@ void Run(const Options& options) {
 
     Progress progress("drawing", session.Quiet());
     const double first_azimuth = view.azimuth_deg;
-    for (int frame = 0; frame < options.frames; ++frame) {
-        progress.Show(static_cast<double>(frame) / options.frames);
-        view.azimuth_deg = first_azimuth + 360.0 * frame / options.frames;
+    const int num_frames = NumFrames(options);
+    for (int frame = 0; frame < num_frames; ++frame) {
+        progress.Show(static_cast<double>(frame) / num_frames);
+        view.azimuth_deg = first_azimuth + 360.0 * frame / num_frames;
         const scene::Camera camera = scene::MakeCamera(view, source->GetSubject());
         const Stopwatch frame_watch;
         scene::Picture picture = draw(camera, view);
@@ -106,26 +169,34 @@ void Run(const Options& options) {
         if (options.picture.annotate) {
             scene::Annotate(picture, camera);
         }
-        scene::WritePng(FramePath(options, frame), picture);
+        output->Add(picture);
         session.NoteWritten(write_watch.Seconds());
         if (frame == 0) {
             session.NotePicture(scene::GeometryOf(camera));
         }
         session.ThrowIfCancelled();
     }
-    session.Report(options.folder);
+    const Stopwatch finish_watch;
+    output->Finish();
+    session.NoteWritten(finish_watch.Seconds());
+    session.Report(options.output);
 }
 
 }  // namespace
 
 void AddRotateVerb(CLI::App& app, Work& run) {
     const auto options = std::make_shared<Options>();
-    CLI::App* const verb = app.add_subcommand("rotate", "draws a full turn around the patient as numbered PNGs");
+    CLI::App* const verb =
+        app.add_subcommand("rotate", "draws a full turn around the patient as numbered PNGs or a movie");
     options->input.AddTo(*verb);
-    verb->add_option("-o,--output", options->folder, "folder for frame_0000.png and so on; made when missing")
+    verb->add_option("-o,--output", options->output,
+                     "folder for frame_0000.png and so on, made when missing; or a movie, NAME.mp4")
         ->required();
-    verb->add_option("--frames", options->frames, "number of pictures")
-        ->check(CLI::Range(1, 9999))
+    verb->add_option("--frames", options->frames,
+                     "number of pictures (default 36; of a movie as many as 4 seconds take)")
+        ->check(CLI::Range(1, 9999));
+    verb->add_option("--fps", options->frames_per_second, "pictures of a movie in each second")
+        ->check(CLI::Range(1, 120))
         ->capture_default_str();
     verb->add_option("--mode", options->mode, "kind of picture")
         ->check(CLI::IsMember({"mip", "render"}))
@@ -139,7 +210,7 @@ void AddRotateVerb(CLI::App& app, Work& run) {
     options->running.AddTo(*verb, false);
     verb->footer(
         "Examples:\n  volr rotate study/ -o turn/\n  volr rotate head.nrrd --mode mip --fast --frames 72 --size "
-        "256x256 -o turn/");
+        "256x256 -o turn/\n  volr rotate study/ --preset ct-bone --fps 30 -o turn.mp4");
     verb->callback([options, &run] { run = [options] { Run(*options); }; });
 }
 

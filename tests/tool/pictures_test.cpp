@@ -6,6 +6,7 @@
 #include <cmath>
 #include <fstream>
 
+#include "scene/movie/movie_writer.h"
 #include "scene/picture.h"
 #include "scene/vector3.h"
 #include "tests/tool/program.h"
@@ -183,6 +184,17 @@ TEST_F(Tool, ATurnIsANumberedSeriesThatComesRound) {
     Draw({"mip", "--view", "left", "--size", "64x64", "--window", "400,1000"});
     EXPECT_EQ(side.pixels, scene::ReadPng(In("picture.png")).pixels);
     EXPECT_TRUE(std::filesystem::exists(In("turn/frame_0003.png")));
+
+    // A movie of the same.
+    const std::vector<std::string> movie = {"rotate", In("head.nrrd"), "-o",  In("turn.MP4"), "--frames",
+                                            "5",      "--mode",        "mip", "--size",       "63x64"};
+    EXPECT_EQ(Volr(movie).status, scene::CanWriteMovies() ? 0 : 1);
+    EXPECT_EQ(std::filesystem::exists(In("turn.MP4")), scene::CanWriteMovies());
+    std::filesystem::remove(In("turn.MP4"));
+    std::vector<std::string> clear = movie;
+    clear.insert(clear.end(), {"--background", "transparent"});
+    EXPECT_EQ(Volr(clear).status, scene::CanWriteMovies() ? 2 : 1);
+    EXPECT_FALSE(std::filesystem::exists(In("turn.MP4")));
 }
 
 TEST_F(Tool, PresetsRoundTripThroughFiles) {
