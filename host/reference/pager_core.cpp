@@ -385,7 +385,7 @@ bool PagerCore::Evict(Lock& lock, MEM_BlockRecord& record) {
     lock.unlock();
     std::shared_ptr<SpillFile> file;
     std::int64_t offset = -1;
-    const bool written = !fails && WriteOut(record, file, offset);
+    const bool written = WriteOut(record, fails, file, offset);
     lock.lock();
 
     m_SpillingBytes -= bytes;
@@ -471,11 +471,12 @@ std::shared_ptr<SpillFile> PagerCore::CurrentFile() {
     return m_File;
 }
 
-// Without the mutex; the block is `spilling`, so nobody changes it. A failure is told once, until a write succeeds.
-bool PagerCore::WriteOut(MEM_BlockRecord& record, std::shared_ptr<SpillFile>& file, std::int64_t& offset) {
+// Without the mutex; the block is `spilling`, so nobody changes it. `fails` stands for a full disk. A failure is told
+// once, until a write succeeds.
+bool PagerCore::WriteOut(MEM_BlockRecord& record, bool fails, std::shared_ptr<SpillFile>& file, std::int64_t& offset) {
     try {
         file = CurrentFile();
-        offset = file != nullptr ? file->Write(record.memory.address, record.bytes) : -1;
+        offset = file != nullptr && !fails ? file->Write(record.memory.address, record.bytes) : -1;
     } catch (const std::exception&) {
         offset = -1;
     }

@@ -104,7 +104,7 @@ private:
     BlockMemory TakeMemory(Lock& lock, std::int64_t bytes);
 
     std::shared_ptr<SpillFile> CurrentFile();
-    bool WriteOut(MEM_BlockRecord& record, std::shared_ptr<SpillFile>& file, std::int64_t& offset);
+    bool WriteOut(MEM_BlockRecord& record, bool fails, std::shared_ptr<SpillFile>& file, std::int64_t& offset);
 
     std::mutex m_Mutex;
     std::condition_variable m_Settled;  // some block is no longer on its way

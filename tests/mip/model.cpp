@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 #include <optional>
+#include <utility>
 
 namespace mip_model {
 
@@ -128,23 +129,34 @@ Vec3 View::axis_in_space(int virtual_axis) const {
     return result;
 }
 
-Request::Request(const Volume& source, int width, int height) : volume(source.to_host()) {
-    p.m_VolData = std::make_shared<IP_MultiVolData>();
-    p.m_VolData->AddVolData(volume);
-    p.m_VolData->Reset();
-    auto prepared = std::make_shared<IP_MultiVolDataIncMIP>();
-    prepared->Rebuild(p.m_VolData.get(), nullptr, false, 2, 1, 1, 0, false, -32768);
-    p.m_AltVolData = prepared;
+Request::Request(const Volume& source, int width, int height) : Request(source.to_host(), width, height) {
+    prepare();
+}
+
+Request::Request(std::shared_ptr<IP_VolData> source, int width, int height) {
+    p.m_AltVolData = std::make_shared<IP_MultiVolDataIncMIP>();
     p.m_Width = width;
     p.m_Height = height;
     output.assign(static_cast<std::size_t>(width * height), 12345);
     p.m_OutputImage = output.data();
     b.m_MaxIntoOutput = 1;
-    projector.Reset(&p, 1);
+    show(std::move(source));
 }
 
 Request::~Request() {
     IP_MIPProjector::FreePictures(&p, &a, &b);
+}
+
+void Request::show(std::shared_ptr<IP_VolData> other) {
+    volume = std::move(other);
+    p.m_VolData = std::make_shared<IP_MultiVolData>();
+    p.m_VolData->AddVolData(volume);
+    projector.Reset(&p, 1);
+}
+
+bool Request::prepare() {
+    auto& prepared = dynamic_cast<IP_MultiVolDataIncMIP&>(*p.m_AltVolData);
+    return prepared.Rebuild(p.m_VolData.get(), nullptr, false, 2, 1, 1, 0, false, -32768);
 }
 
 void Request::set_view(const View& view) {

@@ -54,10 +54,16 @@ struct View {
 class Request {
 public:
     explicit Request(const Volume& volume, int width = 96, int height = 80);
+    // Projects a host's volume. Prepared data is still to come: from prepare(), or the host's own.
+    explicit Request(std::shared_ptr<IP_VolData> volume, int width = 96, int height = 80);
     ~Request();
     Request(const Request&) = delete;
     Request& operator=(const Request&) = delete;
 
+    // Goes over to another volume; the prepared data stays.
+    void show(std::shared_ptr<IP_VolData> other);
+    // Brings the prepared data in line with the volume; false when that fails, and can be tried again.
+    bool prepare();
     void set_view(const View& view);
     void clip(const Planes& planes);
     // Draws into `output`.

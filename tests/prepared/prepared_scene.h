@@ -13,6 +13,7 @@
 #include "host/reference/settings.h"
 #include "ip_volr/IP_VolDataMIP.h"
 #include "ip_volr/IP_VolDataProj.h"
+#include "tests/support/options.h"
 
 // Scrambled but repeatable 16-bit value.
 inline short scrambled(int x, int y, int z, int seed) {
@@ -149,7 +150,7 @@ constexpr short kBackground = -2048;
 class PreparedTest : public testing::Test {
 protected:
     void SetUp() override {
-        reference_host::SetNumberOfServers(2);
+        reference_host::SetNumberOfServers(std::max(test_options::servers(), 2));
         m_Before = reference_host::GetPagerStatistics();
     }
     void TearDown() override {

@@ -145,7 +145,9 @@ std::shared_ptr<IP_VolData> make_tissue_volume(const Scene& scene) {
     });
 }
 
-Renderer::Renderer(const Scene& from) : scene(from), volume(make_volume(from)) {
+Renderer::Renderer(const Scene& from) : Renderer(from, make_volume(from)) {}
+
+Renderer::Renderer(const Scene& from, std::shared_ptr<IP_VolData> source) : scene(from), volume(std::move(source)) {
     volumes.AddVolData(volume);
     if (!scene.tissues.empty()) {
         tissues.AddVolData(make_tissue_volume(scene));

@@ -76,6 +76,8 @@ std::shared_ptr<IP_VolData> make_tissue_volume(const Scene& scene);
 class Renderer {
 public:
     explicit Renderer(const Scene& scene);
+    // Draws a host's volume, which has the scene's lattice.
+    Renderer(const Scene& scene, std::shared_ptr<IP_VolData> volume);
 
     // Passes the whole scene to the facade.
     void pass_scene();
