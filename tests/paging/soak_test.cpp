@@ -216,32 +216,30 @@ protected:
         faults.fail_spill_read = fault != kUnreadable ? 0 : random() % 4 == 0 ? -1 : 1 + random() % 60;
         reference_host::ResetPagerPeaks();
         reference_host::SetPagerFaults(faults);
-        const std::int64_t kept_mapped = reference_host::GetPagerStatistics().mapped_bytes;
+        const std::int64_t mapped_by_others = reference_host::GetPagerStatistics().mapped_bytes;
         Study& study = change(random);
         const std::size_t view = random() % kViews;
         const bool was_drawn = draw(study, view);
         const reference_host::PagerStatistics now = reference_host::GetPagerStatistics();
         reference_host::SetPagerFaults({});
 
-        // Errors are told, and nothing else is. What failed works when the fault is over.
-        const long unwritten = log.Count("cannot be written");
+        // Errors are told, once, and only where there are some. A full disk keeps nothing from being drawn.
         const long unread = log.Count("cannot be read");
-        EXPECT_EQ(fault == kFullDisk, unwritten == 1);
-        EXPECT_LE(unread, fault == kUnreadable ? 1000 : 0);
+        const std::size_t num_lines = log.Texts().size();
         EXPECT_TRUE(was_drawn || unread > 0);
-        if (fault == kNoFault) {
-            EXPECT_TRUE(log.Texts().empty()) << log.Texts().front();
-        }
+        EXPECT_EQ(log.Count("cannot be written"), fault == kFullDisk ? 1 : 0);
+        EXPECT_TRUE(fault == kUnreadable || num_lines == (fault == kFullDisk ? 1U : 0U)) << num_lines;
         m_NumFullDisks += fault == kFullDisk ? 1 : 0;
         m_NumUnreadable += unread > 0 ? 1 : 0;
         if (fault != kNoFault) {
-            reference_host::SetMemoryBudget(kBudget);  // writes out what stayed
+            // The fault is over: what stayed in memory is written out, and what could not be drawn can.
+            reference_host::SetMemoryBudget(kBudget);
             EXPECT_TRUE(draw(study, view));
         }
 
-        // Only what is on the screen is in memory, and that only while it is drawn.
+        // In memory is only what is being drawn, beside what the other studies' engines keep mapped.
         if (fault != kFullDisk) {
-            EXPECT_LE(now.peak_resident_bytes, m_PeakOfOne + kBudget + kept_mapped) << kept_mapped << ' ' << now.mapped_bytes << ' ' << m_Studies.size();
+            EXPECT_LE(now.peak_resident_bytes, m_PeakOfOne + kBudget + mapped_by_others);
             m_PeakResident = std::max(m_PeakResident, now.peak_resident_bytes);
         }
         const reference_host::PagerStatistics after = reference_host::GetPagerStatistics();
@@ -305,7 +303,8 @@ TEST_F(PagingSoak, ManyStudiesUnderABudgetBelowTheSmallest) {
               << m_NumPictures << " pictures, " << m_NumRefused << " refused; full disk " << m_NumFullDisks
               << " times, file not readable " << m_NumUnreadable << " times; "
               << reference_host::GetPagerStatistics().total_spilled_bytes / 1000000 << " MB spilled\n"
-              << "allocated at most " << m_MostAllocated << ", resident " << m_PeakResident << " (one study alone "
-              << m_PeakOfOne << "), spill file " << m_LongestFile << "; process after closing " << process.front()
-              << " at first, " << least << " to " << most << ", " << process.back() << " at last\n";
+              << "allocated at most " << m_MostAllocated << ", resident " << m_PeakResident
+              << " (one study alone, in full, " << m_PeakOfOne << "), spill file " << m_LongestFile
+              << "; process after closing " << process.front() << " at first, " << least << " to " << most << ", "
+              << process.back() << " at last\n";
 }

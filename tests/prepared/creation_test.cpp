@@ -146,6 +146,7 @@ TEST_F(CreationTest, AsksAPagerThatGrantsLessForNoMoreThanItGranted) {
 }
 
 TEST_F(CreationTest, LeanDataHasStructureAndNoMemory) {
+    reference_host::SetNumberOfServers(2);  // each server has blocks of its own
     const SourceVolume source(40, 40, 7, 2);
     Prepared prepared;
     const std::int64_t before = reference_host::GetPagerStatistics().blocks;
@@ -167,6 +168,7 @@ TEST_F(CreationTest, LeanDataHasStructureAndNoMemory) {
 }
 
 TEST_F(CreationTest, RefusesWhatItCannotPrepare) {
+    reference_host::SetNumberOfServers(2);  // each server has blocks of its own
     const SourceVolume source(20, 20, 4, 2);
     Prepared prepared;
     EXPECT_FALSE(prepared.data.Create(*source.volume, prepared.map, nullptr, false, 3, false, 1, 1, 0, 0));

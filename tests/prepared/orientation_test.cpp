@@ -105,6 +105,7 @@ TEST_F(OrientationTest, FullSizeDataIsLeftAsAskedFor) {
 }
 
 TEST_F(OrientationTest, ASliceGoesIntoAWorkSliceTheOtherWayRound) {
+    reference_host::SetNumberOfServers(2);  // each server has blocks of its own
     const SourceVolume source(70, 34, 3, 1);
     Prepared prepared;
     ASSERT_TRUE(prepared.create(source, 2));
@@ -156,6 +157,7 @@ TEST_F(OrientationTest, MappingLimitsLeaveEverySliceTrue) {
 
 // A pixel said to be so wide that a batch holds three slices, or less than one, which counts as one.
 TEST_F(OrientationTest, VolumesLargerThanABatchGoBatchByBatch) {
+    reference_host::SetNumberOfServers(2);  // each server has blocks of its own
     for (const int batch : {3, 1}) {
         const SourceVolume source(64, 64, 10, 1, -1, batch == 3 ? 8 * 1600000 : 8 * 16000000);
         IP_RealListVol tissue = scattered_tissue(*source.volume->GetBox());
