@@ -15,7 +15,7 @@ enum class ErrorKind {
 // A failure: what it concerns, why it happened and what the user can do about it (may be empty).
 class Error : public std::runtime_error {
 public:
-    Error(ErrorKind kind, std::string subject, std::string why, std::string advice)
+    Error(ErrorKind kind, const std::string& subject, const std::string& why, const std::string& advice)
         : std::runtime_error(subject + ": " + why + (advice.empty() ? "" : " (" + advice + ")")), m_Kind(kind) {}
 
     ErrorKind Kind() const { return m_Kind; }

@@ -1,9 +1,10 @@
 // Life of the structure: sizes, queues, mapping, copies, refusals and cancellation.
-#include "host/tasks.h"
 #include "tests/bricks/brick_test_support.h"
+#include "tests/support/fault_sweep.h"
 
 #include <climits>
 #include <cstring>
+#include <numeric>
 #include <set>
 #include <tuple>
 
@@ -154,85 +155,72 @@ TEST_F(BrickStructure, ImpossibleVolumesAreRefused) {
     EXPECT_EQ(structure.GetProjectionQueues()->size(), 8U);
 }
 
-TEST_F(BrickStructure, EveryRefusalOfThePagerFailsCleanly) {
-    const auto volume = make_volume(20, 20, 400, 12, false, kFlat);
-    const auto tissues = make_tissue_volume(20, 20, 400, kFlat);
-    const auto before = reference_host::GetPagerStatistics();
-    IP_VOLRC_BrickStructure structure = make_structure(false);
-    structure.SetMaxLayerLoaded(1);
+// ---- Faults: two blocks of layers and the flags, two groups of slices
 
-    // Two layer blocks and the flags: nothing is left behind.
-    for (int refused = 1; refused <= 3; ++refused) {
-        reference_host::SetPagerFaults({.refuse_allocation = refused});
-        EXPECT_FALSE(structure.Init(volume.get()));
-        EXPECT_EQ(reference_host::GetPagerStatistics().blocks, before.blocks);
-        EXPECT_EQ(reference_host::GetPagerStatistics().mappings, before.mappings);
-    }
+constexpr int kDims[3] = {20, 20, 400};
+constexpr int kNumBlocks = 3;
 
-    // Two groups of slices: the records stay, mapped once; no slice does.
-    for (int refused = 1; refused <= 2; ++refused) {
-        reference_host::SetPagerFaults({.refuse_map = refused});
-        EXPECT_FALSE(structure.Init(volume.get()));
-        EXPECT_EQ(reference_host::GetPagerStatistics().mappings, before.mappings + 3);
-    }
-    reference_host::SetPagerFaults({});
-    ASSERT_TRUE(structure.Init(volume.get()));
-    std::list<int> all;
-    for (int slice = 0; slice < 396; ++slice) {
-        all.push_back(slice);
-    }
-    structure.PrepareUpdatedBricksVector(&all);
-    for (int refused = 1; refused <= 2; ++refused) {
-        reference_host::SetPagerFaults({.refuse_map = refused});
-        EXPECT_FALSE(structure.RecalculateMinMaxForNewSlices());
-        EXPECT_EQ(reference_host::GetPagerStatistics().mappings, before.mappings + 3);
-    }
-    reference_host::SetPagerFaults({.refuse_map = 1});
-    EXPECT_FALSE(structure.UpdateTissue(tissues.get()));
-    reference_host::SetPagerFaults({});
-    EXPECT_EQ(reference_host::GetPagerStatistics().mappings, before.mappings + 3);
-    EXPECT_TRUE(structure.RecalculateMinMaxForNewSlices());
-    const int dims[3] = {20, 20, 400};
-    expect_min_max(structure, dims, false, kFlat);
+std::int64_t mappings_now() {
+    return reference_host::GetPagerStatistics().mappings;
 }
 
-TEST_F(BrickStructure, EveryCancellationPointLeavesNothingMapped) {
-    const auto volume = make_volume(20, 20, 400, 12, false, kFlat);
-    const auto tissues = make_tissue_volume(20, 20, 400, kFlat);
-    const auto before = reference_host::GetPagerStatistics();
-    reference_host::SetNumberOfServers(2);
-    IP_VOLRC_BrickStructure structure = make_structure(false);
-    structure.SetMaxLayerLoaded(1);
-    std::list<int> all;
-    for (int slice = 0; slice < 396; ++slice) {
-        all.push_back(slice);
-    }
-
-    reference_host::CancellationToken token;
-    const reference_host::CancellationScope scope(token);
-    int num_cancelled = 0;
-    for (int point = 1;; ++point) {
-        token.Reset();
-        token.CancelAtPoint(point);
-        try {
-            EXPECT_TRUE(structure.Init(volume.get()));
-            structure.PrepareUpdatedBricksVector(&all);
-            EXPECT_TRUE(structure.RecalculateMinMaxForNewSlices());
-            EXPECT_TRUE(structure.UpdateTissue(tissues.get()));
-            break;
-        } catch (const TCO_CANCEL_EXCEPTION&) {
-            ++num_cancelled;
-        }
+TEST_F(BrickStructure, FaultsInSetUpLeaveMappedRecordsOrNothing) {
+    const VoxelFunction value = [](int x, int y, int z) { return x * y + z; };
+    const auto volume = make_volume(kDims[0], kDims[1], kDims[2], 12, false, value);
+    FaultSweep sweep;
+    sweep.run([&](FaultPoint& point) {
+        const auto before = reference_host::GetPagerStatistics();
+        IP_VOLRC_BrickStructure structure = make_structure(false);
+        structure.SetMaxLayerLoaded(1);
+        bool done = false;
+        point.run([&] { done = structure.Init(volume.get()); }, true);
+        EXPECT_NE(done, point.came());
         const bool has_records = structure.GetCurrentVolData() != nullptr;
-        EXPECT_EQ(reference_host::GetPagerStatistics().mappings, before.mappings + (has_records ? 3 : 0));
-        token.Reset();
-        token.CancelAtPoint(0);
-        structure.Clean();
-        EXPECT_EQ(reference_host::GetPagerStatistics().blocks, before.blocks);
+        EXPECT_TRUE(has_records || point.came());
+        EXPECT_FALSE(has_records && point.is(Fault::Allocation));
+        EXPECT_EQ(mappings_now(), before.mappings + (has_records ? kNumBlocks : 0));
+        EXPECT_EQ(reference_host::GetPagerStatistics().blocks, before.blocks + (has_records ? kNumBlocks : 0));
+        ASSERT_TRUE(structure.Init(volume.get()));
+        EXPECT_EQ(mappings_now(), before.mappings + kNumBlocks);
+        expect_min_max(structure, kDims, false, value);
+    });
+}
+
+TEST_F(BrickStructure, FaultsInStreamingAndTissueUpdatesAreMadeGood) {
+    std::list<int> all(kDims[2] - 4);
+    std::iota(all.begin(), all.end(), 0);
+    const VoxelFunction tissue = [](int, int, int z) { return z / 32; };
+    const auto tissues = make_tissue_volume(kDims[0], kDims[1], kDims[2], tissue);
+    FaultSweep sweep;
+    for (const bool streaming : {true, false}) {
+        sweep.run([&](FaultPoint& point) {
+            int brightness = 0;
+            const VoxelFunction value = [&](int x, int, int z) { return x + z + brightness; };
+            const auto volume = make_volume(kDims[0], kDims[1], kDims[2], 12, false, value);
+            IP_VOLRC_BrickStructure structure = make_structure(false);
+            structure.SetMaxLayerLoaded(1);
+            ASSERT_TRUE(structure.Init(volume.get()));
+            brightness = 1000;
+            for (int z = 0; z < kDims[2]; ++z) {
+                delete volume->GetSlice(z);
+                volume->SetSlice(make_short_slice(kDims[0], kDims[1], z, 12, false, value), z);
+            }
+            structure.PrepareUpdatedBricksVector(&all);
+            const auto update = [&] {
+                return streaming ? structure.RecalculateMinMaxForNewSlices() : structure.UpdateTissue(tissues.get());
+            };
+            bool done = false;
+            point.run([&] { done = update(); });
+            EXPECT_NE(done, point.came());
+            ASSERT_TRUE(update());
+            if (streaming) {
+                expect_min_max(structure, kDims, false, value);
+            }
+            for (int layer = 0; layer < 13; ++layer) {
+                EXPECT_EQ(structure.GetBrick(0, 0, layer)->GetTissueActive(layer), !streaming);
+            }
+        });
     }
-    EXPECT_GE(num_cancelled, 4 * 13) << "each layer polls in each of the four stages";
-    const int dims[3] = {20, 20, 400};
-    expect_min_max(structure, dims, false, kFlat);
 }
 
 }  // namespace

@@ -1,13 +1,14 @@
 // The same picture on every machine; refused memory, cancellation and odd requests.
 #include "host/reference/settings.h"
 #include "ip_volr/kernels/instruction_set.h"
+#include "tests/host/log_recorder.h"
 #include "tests/mip/model.h"
+#include "tests/support/fault_sweep.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
-#include <mutex>
 
 using namespace mip_model;
 
@@ -59,86 +60,35 @@ TEST(MipRobustness, SamePictureForAnyNumberOfServersAndInstructionSet) {
     reference_host::SetNumberOfServers(0);
 }
 
-TEST(MipRobustness, RefusedMemoryLeavesNothingMappedAndTheNextFrameIsRight) {
-    const auto blocks_before = reference_host::GetPagerStatistics().blocks;
-    int num_refused = 0;
+// Each frame finds the prepared slices as another view left them, so that some must be transposed.
+TEST(MipRobustness, FaultsAreToldLeaveNothingMappedAndTheNextFrameIsRight) {
     const Volume v = phantom({24, 22, 12}, {1.0, 1.0, 1.0});
+    FaultSweep sweep;
     for (const bool linear : {false, true}) {
         for (const View& view : kViews) {
             Request reference(v);
             reference.set_view(view);
             reference.draw(linear);
-            for (const bool allocations : {true, false}) {
-                bool refused = true;
-                for (int k = 1; refused && k < 500; k++) {
-                    Request r(v);
-                    r.set_view(view);
-                    reference_host::PagerFaults faults;
-                    (allocations ? faults.refuse_allocation : faults.refuse_map) = k;
-                    reference_host::SetPagerFaults(faults);
-                    r.draw(linear);
-                    const bool was_complete = r.projector.IsComplete();
-                    const bool was_right = r.output == reference.output;
-                    num_refused += was_complete ? 0 : 1;
-                    reference_host::SetPagerFaults({});
-                    EXPECT_TRUE(was_right || !was_complete) << "a wrong picture must say so: " << linear << ' ' << k;
-                    expect_nothing_mapped("refusal " + std::to_string(k));
-                    r.draw(linear);
-                    EXPECT_EQ(r.output, reference.output) << linear << ' ' << view.azimuth << " refusal " << k;
-                    // Past the last allocation or mapping of a frame nothing is refused any more.
-                    refused = k < (allocations ? 32 : 16);
-                }
-            }
-        }
-    }
-    RecordProperty("faults_swept", num_refused);
-    EXPECT_EQ(reference_host::GetPagerStatistics().blocks, blocks_before) << "something was not freed";
-}
-
-TEST(MipRobustness, CancellationAtEveryPointIsCleanAndLogged) {
-    const Volume v = phantom({20, 18, 12}, {1.0, 1.0, 1.0});
-    std::string log;
-    int num_cancelled = 0;
-    std::mutex mutex;
-    reference_host::SetLogLevel(6);
-    reference_host::LogToCallback([&](const reference_host::LogLine& line) {
-        const std::lock_guard<std::mutex> lock(mutex);
-        log += line.text;
-    });
-    for (const bool linear : {false, true}) {
-        for (const View& view : {kViews[0], kViews[1], kViews[3]}) {
-            Request r(v);
-            r.set_view(view);
-            r.draw(linear);
-            const std::vector<short> expected = r.output;
-            reference_host::CancellationToken token;
-            const reference_host::CancellationScope scope(token);
-            bool was_cancelled = true;
-            for (int k = 1; was_cancelled && k < 2000; k += 1 + k / 8) {
-                log.clear();
-                r.set_view({view.azimuth + 35.0 * (k % 2), 0.0, 0.0});  // so that slices must be transposed, too
-                token.CancelAtPoint(k);
-                r.draw(linear);
-                was_cancelled = token.IsCancelled();
-                num_cancelled += was_cancelled ? 1 : 0;
-                EXPECT_EQ(r.projector.IsComplete(), !was_cancelled);
-                if (was_cancelled && linear) {
-                    EXPECT_TRUE(log.find("LinProjectXYSlices: Cancelled\n") != std::string::npos ||
-                                log.find("LinProjectXZSlices: Cancelled\n") != std::string::npos);
-                }
-                token.CancelAtPoint(0);
-                token.Reset();
-                expect_nothing_mapped("cancelled at " + std::to_string(k));
+            sweep.run([&](FaultPoint& point) {
+                Request r(v);
+                r.set_view({view.azimuth + 35.0, 0.0, 0.0});
+                r.draw(false);
                 r.set_view(view);
+                const LogRecorder log(6);
+                point.run([&] { r.draw(linear); });
+                EXPECT_TRUE(r.output == reference.output || !r.projector.IsComplete()) << "a wrong picture must say so";
+                EXPECT_TRUE(r.projector.IsComplete() || point.came());
+                if (point.is(Fault::Cancellation) && point.came()) {
+                    EXPECT_FALSE(r.projector.IsComplete());
+                    EXPECT_TRUE(!linear || log.Count("LinProjectXYSlices: Cancelled\n") == 1 ||
+                                log.Count("LinProjectXZSlices: Cancelled\n") == 1);
+                }
                 r.draw(linear);
-                EXPECT_EQ(r.output, expected) << k;
-            }
-            EXPECT_FALSE(was_cancelled);
+                EXPECT_TRUE(r.projector.IsComplete());
+                EXPECT_EQ(r.output, reference.output);
+            });
         }
     }
-    RecordProperty("points_cancelled", num_cancelled);
-    reference_host::LogToCallback({});
-    reference_host::SetLogLevel(0);
 }
 
 TEST(MipRobustness, FailuresOfTheLinearPathAreLogged) {

@@ -4,11 +4,12 @@
 #include "ip_volr/IP_VOLR_Trace.h"
 #include "ip_volr/kernels/instruction_set.h"
 #include "tests/raycast/scene.h"
+#include "tests/support/fault_sweep.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstring>
+#include <numeric>
 
 namespace {
 
@@ -24,6 +25,20 @@ Scene busy_scene() {
     scene.planes.push_back({0.6, 0.0, 0.8, -20.0});
     scene.turn(0.8, 0.4);
     return scene;
+}
+
+// Gives a slice the scene's voxels, or the lowest value where it has not arrived yet.
+void write_slice(Renderer& renderer, int z, bool has_arrived) {
+    const Scene& scene = renderer.scene;
+    auto* const slice = static_cast<IP_ShortSlice*>(renderer.volume->GetSlice(z));
+    const std::ptrdiff_t count = static_cast<std::ptrdiff_t>(scene.dims[0]) * scene.dims[1];
+    ASSERT_EQ(slice->MapMemory(), 0);
+    if (has_arrived) {
+        std::copy_n(scene.voxels.begin() + z * count, count, slice->GetMappedSlice());
+    } else {
+        std::fill_n(slice->GetMappedSlice(), count, static_cast<short>(scene.lowest()));
+    }
+    slice->UnmapMemory();
 }
 
 class RayCastFrames : public testing::Test {
@@ -117,26 +132,15 @@ TEST_F(RayCastFrames, StreamedSlicesEndInTheWholePicture) {
     scene.turn(0.4, 0.2);
     const Picture reference = Renderer(scene).render();
     Renderer renderer(scene);
-    std::vector<std::vector<std::int16_t>> slices;
-    const std::size_t slice_voxels = 64 * 64;
-    const auto with_slice = [&](int z, const auto& use) {
-        auto* const slice = static_cast<IP_ShortSlice*>(renderer.volume->GetSlice(z));
-        slice->MapMemory();
-        use(slice->GetMappedSlice());
-        slice->UnmapMemory();
-    };
-    // Nothing has arrived: all slices hold the lowest value.
     for (int z = 0; z < scene.dims[2]; z++) {
-        with_slice(z, [&](short* pixels) { std::fill_n(pixels, slice_voxels, static_cast<short>(scene.lowest())); });
+        write_slice(renderer, z, false);
     }
     const Picture empty = renderer.render();
     EXPECT_EQ(empty, Picture(empty.size(), 0xff000000));
     for (int first = 0; first < scene.dims[2]; first += 7) {
         std::list<int> arrived;
         for (int z = first; z < std::min(first + 7, scene.dims[2]); z++) {
-            with_slice(z, [&](short* pixels) {
-                std::memcpy(pixels, scene.voxels.data() + static_cast<std::size_t>(z) * slice_voxels, slice_voxels * 2);
-            });
+            write_slice(renderer, z, true);
             arrived.push_back(z);
         }
         renderer.facade.SetUpdatedSliceIndexList(&arrived);
@@ -216,82 +220,103 @@ TEST_F(RayCastFrames, BrickStructureGoesFromFacadeToFacade) {
     Facade::DeallocateEngineSpecificData(bricks);
 }
 
-// ---- Failures
+// ---- Faults
 
-// Draws one frame after the scene was passed anew with all that is pending.
-bool draw(Renderer& renderer, Picture& picture) {
-    renderer.facade.SetVolumeTissues(&renderer.tissues);
-    renderer.pass_tables();
-    picture = renderer.render();
-    return !picture.empty();
+// Two bricks along each axis, two tissues, a plane, an oblique view.
+Scene small_scene() {
+    Scene scene = sphere_scene({40, 38, 36}, {1, 1, 0.8}, true);
+    scene.tissues.assign(scene.voxels.size(), 15);
+    std::fill(scene.tissues.begin(), scene.tissues.begin() + 40 * 38 * 20, 4);
+    scene.planes.push_back({0.6, 0.0, 0.8, -6.0});
+    scene.turn(0.8, 0.4);
+    return scene;
 }
 
-TEST_F(RayCastFrames, EveryRefusalLeavesNothingBehindAndTheNextFrameRight) {
-    const Scene scene = busy_scene();
-    const Picture reference = Renderer(scene).render();
-    const auto statistics = reference_host::GetPagerStatistics();
-    for (const bool refuse_map : {false, true}) {
-        int refused_frames = 0;
-        int drawn_in_a_row = 0;
-        for (int k = 1; drawn_in_a_row < 6; k++) {
-            reference_host::PagerFaults faults;
-            (refuse_map ? faults.refuse_map : faults.refuse_allocation) = k;
-            {
-                Renderer renderer(scene);
-                const std::int64_t mappings = reference_host::GetPagerStatistics().mappings;
-                reference_host::SetPagerFaults(faults);
-                // A change of size allocates everything anew.
-                renderer.scene.height = 50;
-                renderer.pass_view();
-                Picture picture;
-                const bool drawn = draw(renderer, picture);
-                reference_host::SetPagerFaults({});
-                refused_frames += drawn ? 0 : 1;
-                drawn_in_a_row = drawn ? drawn_in_a_row + 1 : 0;
-                if (!drawn) {
-                    EXPECT_LE(reference_host::GetPagerStatistics().mappings, mappings + 4);
-                }
-                renderer.scene.height = scene.height;
-                renderer.pass_view();
-                EXPECT_EQ(renderer.render(), reference) << "after refusal " << k;
-            }
-            EXPECT_EQ(reference_host::GetPagerStatistics().mappings, statistics.mappings) << k;
-            EXPECT_EQ(reference_host::GetPagerStatistics().blocks, statistics.blocks) << k;
-        }
-        RecordProperty(refuse_map ? "mappings_refused" : "allocations_refused", refused_frames);
-        // One refused mapping of the whole volume is made good by layers.
-        EXPECT_GE(refused_frames, refuse_map ? 2 : 6);
-    }
+// Sweeps the frame after a change. Whatever happened to it, the next frame shows the scene, and the engine keeps mapped
+// what it keeps after any final frame. `prepare` comes before the change, without faults.
+void sweep_frames(Facade::RenderMode mode, const std::function<void(Renderer&)>& prepare,
+                  const std::function<void(Renderer&)>& change) {
+    const Scene scene = small_scene();
+    const auto mappings = [] { return reference_host::GetPagerStatistics().mappings; };
+    Renderer reference_renderer(scene);
+    const std::int64_t resting_before = mappings();
+    const Picture reference = reference_renderer.render();
+    const std::int64_t resting = mappings() - resting_before;
+    FaultSweep sweep;
+    sweep.run([&](FaultPoint& point) {
+        Renderer renderer(scene);
+        const std::int64_t mappings_before = mappings();
+        prepare(renderer);
+        renderer.facade.SetRenderMode(mode);
+        Picture picture;
+        const auto draw = [&] {
+            change(renderer);
+            picture = renderer.render();
+        };
+        const bool ended = point.run(draw, true);
+        EXPECT_TRUE(!picture.empty() || point.came());
+        EXPECT_TRUE(picture.empty() || mode == Facade::RENDER_MODE_INTERACTIVE || picture == reference);
+        EXPECT_EQ(renderer.facade.IsCacheValid(), ended && !picture.empty());
+        renderer.facade.SetRenderMode(Facade::RENDER_MODE_FINAL);
+        EXPECT_EQ(renderer.render(), reference);
+        EXPECT_EQ(mappings(), mappings_before + resting);
+    });
 }
 
-TEST_F(RayCastFrames, EveryCancellationReachesTheHostAndTheNextFrameIsRight) {
-    const Scene scene = busy_scene();
-    const Picture reference = Renderer(scene).render();
-    const auto statistics = reference_host::GetPagerStatistics();
-    for (const auto mode : {Facade::RENDER_MODE_FINAL, Facade::RENDER_MODE_INTERACTIVE}) {
-        bool cancelled = true;
-        for (int k = 1; cancelled; k++) {
-            Renderer renderer(scene);
-            renderer.facade.SetRenderMode(mode);
-            reference_host::CancellationToken token;
-            token.CancelAtPoint(k);
-            {
-                const reference_host::CancellationScope scope(token);
-                try {
-                    renderer.render();
-                    cancelled = false;
-                } catch (const TCO_CANCEL_EXCEPTION&) {
-                    EXPECT_FALSE(renderer.facade.IsCacheValid());
-                }
+TEST_F(RayCastFrames, FaultsInAFirstFinalFrame) {
+    sweep_frames(
+        Facade::RENDER_MODE_FINAL, [](Renderer&) {}, [](Renderer&) {});
+}
+
+TEST_F(RayCastFrames, FaultsInAFirstInteractiveFrame) {
+    sweep_frames(
+        Facade::RENDER_MODE_INTERACTIVE, [](Renderer&) {}, [](Renderer&) {});
+}
+
+TEST_F(RayCastFrames, FaultsAfterAChangeOfSizeAndTables) {
+    sweep_frames(
+        Facade::RENDER_MODE_FINAL,
+        [](Renderer& renderer) {
+            renderer.scene.width = 50;
+            renderer.pass_view();
+            renderer.render();
+        },
+        [](Renderer& renderer) {
+            renderer.scene.width = small_scene().width;
+            renderer.pass_view();
+            renderer.pass_tables();
+        });
+}
+
+TEST_F(RayCastFrames, FaultsInATissueUpdate) {
+    Scene other = small_scene();
+    std::fill(other.tissues.begin(), other.tissues.end(), 1);
+    sweep_frames(
+        Facade::RENDER_MODE_FINAL,
+        [&](Renderer& renderer) {
+            IP_MultiVolData tissues;
+            tissues.AddVolData(make_tissue_volume(other));
+            renderer.facade.SetVolumeTissues(&tissues);
+            renderer.render();
+        },
+        [](Renderer& renderer) { renderer.facade.SetVolumeTissues(&renderer.tissues); });
+}
+
+TEST_F(RayCastFrames, FaultsWhileSlicesStreamIn) {
+    std::list<int> all(static_cast<std::size_t>(small_scene().dims[2]));
+    std::iota(all.begin(), all.end(), 0);
+    sweep_frames(
+        Facade::RENDER_MODE_FINAL,
+        [](Renderer& renderer) {
+            for (int z = 0; z < renderer.scene.dims[2]; z++) {
+                write_slice(renderer, z, false);
             }
-            renderer.facade.SetRenderMode(Facade::RENDER_MODE_FINAL);
-            EXPECT_EQ(renderer.render(), reference) << "after cancellation " << k;
-            ASSERT_LT(k, 1000);
-            RecordProperty(mode == Facade::RENDER_MODE_FINAL ? "final_cancelled" : "interactive_cancelled", k - 1);
-        }
-    }
-    EXPECT_EQ(reference_host::GetPagerStatistics().mappings, statistics.mappings);
-    EXPECT_EQ(reference_host::GetPagerStatistics().blocks, statistics.blocks);
+            renderer.render();
+            for (int z = 0; z < renderer.scene.dims[2]; z++) {
+                write_slice(renderer, z, true);
+            }
+        },
+        [&](Renderer& renderer) { renderer.facade.SetUpdatedSliceIndexList(&all); });
 }
 
 }  // namespace

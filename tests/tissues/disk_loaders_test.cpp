@@ -3,6 +3,7 @@
 #include "host/masks.h"
 #include "host/reference/settings.h"
 #include "ip_volr/IP_DiskLoaders.h"
+#include "tests/support/fault_sweep.h"
 
 #include <gtest/gtest.h>
 
@@ -130,29 +131,57 @@ TEST_F(DiskLoaders, MaskBecomesTissueOne) {
     EXPECT_EQ(tissue_bytes(*tissues, 1, 40), expected);
 }
 
-TEST_F(DiskLoaders, RefusedMemoryEndsTheLoading) {
-    write<short>("image0001", {1, 2, 3, 4});
-    write<short>("image0002", {1, 2, 3, 4});
-    write<unsigned char>("labels", std::vector<unsigned char>(8, 1));
-    IP_Box box(2, 2, 2);
-    IP_VolData volume(&box, 2);
-    IP_VolData* handle = &volume;
-    reference_host::SetPagerFaults({.refuse_allocation = 2});
-    testing::internal::CaptureStdout();
-    ReadDataFromDisk(&handle, (m_Folder / "in").wstring().c_str(), 1);
-    testing::internal::GetCapturedStdout();
-    int dims[3];
-    volume.GetBox()->GetDims(dims);
-    EXPECT_EQ(dims[2], 1);
-
-    IP_VolData tissues(&box, 2);
-    handle = &tissues;
-    reference_host::SetPagerFaults({.refuse_allocation = 2});
-    EXPECT_FALSE(ReadTissueFromDisk(&handle, (m_Folder / "in" / "labels").string().c_str()));
+TEST_F(DiskLoaders, RefusedMemoryEndsTheLoadingAndTheNextOneSucceeds) {
+    for (int z = 1; z < 5; ++z) {
+        write<short>("image000" + std::to_string(z), {1, 2, 3, static_cast<short>(z)});
+    }
+    write<unsigned char>("labels", std::vector<unsigned char>(16, 1));
+    IP_Box box(2, 2, 4);
     IP_RealBitVol mask(box);
-    reference_host::SetPagerFaults({.refuse_allocation = 2});
-    EXPECT_FALSE(ConvertRBVToTissue(&handle, &mask));
-    EXPECT_EQ(handle, nullptr);
+    mask.SetPixel(0, 0, 3, true);
+    FaultSweep sweep;
+    sweep.run([&](FaultPoint& point) {
+        const auto read = [&](IP_VolData& volume) {
+            IP_VolData* handle = &volume;
+            testing::internal::CaptureStdout();
+            ReadDataFromDisk(&handle, (m_Folder / "in").wstring().c_str(), 1);
+            testing::internal::GetCapturedStdout();
+            int dims[3];
+            volume.GetBox()->GetDims(dims);
+            return dims[2];
+        };
+        IP_VolData volume(&box, 4);
+        int num_read = 0;
+        point.run([&] { num_read = read(volume); });
+        EXPECT_EQ(num_read < 4, point.came());
+        EXPECT_EQ(volume.GetSlice(num_read), nullptr);
+        IP_VolData again(&box, 4);
+        EXPECT_EQ(read(again), 4);
+        EXPECT_EQ(pixels_of<IP_ShortSlice>(again, 3, 4), (std::vector<short>{1, 2, 3, 4}));
+    });
+    sweep.run([&](FaultPoint& point) {
+        IP_VolData volume(&box, 4);
+        IP_VolData* handle = &volume;
+        const std::string path = (m_Folder / "in" / "labels").string();
+        bool done = false;
+        point.run([&] { done = ReadTissueFromDisk(&handle, path.c_str()); });
+        EXPECT_NE(done, point.came());
+        for (int z = 0; z < 4; ++z) {
+            delete volume.GetSlice(z);
+            volume.SetSlice(nullptr, z);
+        }
+        ASSERT_TRUE(ReadTissueFromDisk(&handle, path.c_str()));
+        EXPECT_EQ(tissue_bytes(volume, 3, 2), (std::vector<unsigned char>{0x11, 0x11}));
+    });
+    sweep.run([&](FaultPoint& point) {
+        IP_VolData* volume = nullptr;
+        point.run([&] { ConvertRBVToTissue(&volume, &mask); });
+        EXPECT_EQ(volume == nullptr, point.came());
+        delete volume;
+        ASSERT_TRUE(ConvertRBVToTissue(&volume, &mask));
+        EXPECT_EQ(tissue_bytes(*volume, 3, 2), (std::vector<unsigned char>{0x01, 0}));
+        delete volume;
+    });
 }
 
 }  // namespace

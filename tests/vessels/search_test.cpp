@@ -1,5 +1,7 @@
 // Both searches along rays whose profiles are known: what they find, every kind of failure, and the log to the letter.
 #include "ip_volr/IP_Relate.h"
+#include "ip_volr/IP_VolDataAccess.h"
+#include "tests/support/fault_sweep.h"
 #include "vessel_scene.h"
 
 #include <gtest/gtest.h>
@@ -12,6 +14,7 @@ namespace {
 
 using vessel_tests::LogCatcher;
 using vessel_tests::make_data;
+using vessel_tests::make_volume;
 
 // Values of the voxels along x; the same in every row and slice.
 using Profile = std::function<int(int)>;
@@ -287,6 +290,47 @@ TEST(VesselSearch, BadRaysAndRefusedMappingsLeaveNothingMapped) {
                  map_failure_exception);
     reference_host::SetPagerFaults({});
     EXPECT_EQ(reference_host::GetPagerStatistics().mapped_blocks, mapped_before);
+}
+
+// A search whose range of slices has to move on: what it cannot map ends it with the access exception.
+TEST(VesselSearch, RefusedMappingsEndItAndTheNextOneFindsTheSame) {
+    const auto volume = make_data(5, 5, 160, [](int, int, int z) { return bump(z, 130, 6, 300); });
+    const auto tissues = make_volume<IP_TisIndSlice, unsigned char>(
+        5, 5, 160, 13, [](std::size_t, int) -> unsigned char { return 0xFF; });
+    std::vector<unsigned> table(65536);
+    std::fill(table.begin() + 32768 + 50, table.end(), 200U);
+    const unsigned* tables[16];
+    std::fill(tables, tables + 16, table.data() + 32768);
+    const double start[3] = {2.0, 2.0, 0.0};
+    const double direction[3] = {0.0, 0.0, 1.0};
+    FaultSweep sweep;
+    for (const bool on_rendering : {true, false}) {
+        const auto search = [&] {
+            Found found;
+            double opacity_state[2] = {0.0, 0.0};
+            int running_maximum = std::numeric_limits<int>::min();
+            found.status = on_rendering
+                               ? find_vessel_center_volr(volume.get(), tissues.get(), tables, start, direction, 1.0,
+                                                         160.0, found.centre, opacity_state, &found.record)
+                               : find_vessel_center_mip(volume.get(), nullptr, start, direction, 1.0, 160.0,
+                                                        found.centre, running_maximum, &found.record);
+            return found;
+        };
+        sweep.run([&](FaultPoint& point) {
+            bool done = false;
+            point.run([&] {
+                try {
+                    search();
+                    done = true;
+                } catch (const map_failure_exception&) {
+                }
+            });
+            EXPECT_NE(done, point.came());
+            const Found found = search();
+            EXPECT_EQ(found.record.outcome, kVesselSearchFound);
+            EXPECT_DOUBLE_EQ(found.centre[2], 130.0);
+        });
+    }
 }
 
 }  // namespace
