@@ -114,6 +114,7 @@ public:
         }
     }
     const std::array<int, 3>& dims() const { return m_Dims; }
+    bool has_failed() const { return m_HasFailed; }  // a slice that has memory could not be mapped
 
     // False outside the volume, outside the clipping planes, and where a slice has no memory or another size.
     bool read(const std::array<int, 3>& voxel, int& value) {
@@ -146,7 +147,9 @@ private:
             auto* const slice = dynamic_cast<IP_ShortSlice*>(m_Volume.GetSlice(z));
             const bool fits = slice != nullptr && slice->GetAttributes().width == m_Dims[0] &&
                               slice->GetAttributes().height == m_Dims[1];
-            m_Mapped[slot] = fits && slice->MapMemory() == 0 ? slice : nullptr;
+            const bool has_memory = fits && slice->GetData() != nullptr;
+            m_Mapped[slot] = has_memory && slice->MapMemory() == 0 ? slice : nullptr;
+            m_HasFailed = m_HasFailed || (has_memory && m_Mapped[slot] == nullptr);
             m_Index[slot] = z;
         }
         return m_Mapped[slot] != nullptr ? m_Mapped[slot]->GetMappedSlice() : nullptr;
@@ -157,6 +160,7 @@ private:
     std::vector<std::array<double, 4>> m_Planes;
     std::array<int, 2> m_Index{-1, -1};
     std::array<IP_ShortSlice*, 2> m_Mapped{nullptr, nullptr};
+    bool m_HasFailed = false;
 };
 
 // The voxel at a position; far outside, or for what is not a number, one that no volume has.
@@ -290,6 +294,7 @@ bool IP_MIPProjector::ScreenRay(IP_VolRParamsMIP* p, int k, double pixel_x, doub
 bool IP_MIPProjector::Screen2Physical(IP_VolRParamsMIP* p, int k, double pixel_x, double pixel_y, int linear,
                                       IP_MIPPick* pick) {
     IP_VolData* const volume = volume_of(p, k);
+    m_IsComplete = true;
     if (pick == nullptr || !ScreenRay(p, k, pixel_x, pixel_y, &pick->ray)) {
         return false;
     }
@@ -342,7 +347,9 @@ bool IP_MIPProjector::Screen2Physical(IP_VolRParamsMIP* p, int k, double pixel_x
             found = true;
         }
     }
-    if (!found) {
+    // A slice that cannot be read may be the one with the brightest voxel.
+    m_IsComplete = !reader.has_failed();
+    if (!found || !m_IsComplete) {
         return false;
     }
 

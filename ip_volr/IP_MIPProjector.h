@@ -87,7 +87,8 @@ public:
     // nothing.
     void Shear(IP_VolRParamsMIP* p, IP_VolRBoxParamsMIP* box, int threshold);
 
-    // Whether the last Project drew everything: false after cancellation or refused memory.
+    // Whether the last Project and the calls of Shear after it drew everything, or the last Screen2Physical could read
+    // everything: false after cancellation or refused memory.
     bool IsComplete() const { return m_IsComplete; }
 
     // Frees the pictures of the parameters and of the boxes (null pointers are skipped). Copies of these objects that
@@ -99,7 +100,8 @@ public:
     static bool ScreenRay(IP_VolRParamsMIP* p, int k, double pixel_x, double pixel_y, IP_MIPRay* ray);
 
     // The brightest voxel on that ray, as the picture shows it, which a host draws with the same parameters. Reads the
-    // source volume. False when the ray misses the volume or meets no slice that has memory.
+    // source volume. False when the ray misses the volume or meets no slice that has memory, and when a slice cannot be
+    // mapped: IsComplete() is then false.
     bool Screen2Physical(IP_VolRParamsMIP* p, int k, double pixel_x, double pixel_y, int linear, IP_MIPPick* pick);
 
 private:

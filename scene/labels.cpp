@@ -212,14 +212,18 @@ void LabelVolume::Add(const ImportedVolume& map, bool resample, const std::strin
         }
     }
 
-    // Lay it over the volume; a first map that covers the volume voxel by voxel is taken as it is.
+    // Lay it over the volume; a first map that covers the volume voxel by voxel is taken as it is, and copied before
+    // the next one is laid over it.
     constexpr WholeAffine kIdentity = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0};
     const bool taken = !m_HasMap && same_place && whole == kIdentity && map.dims == m_Dims;
     if (taken) {
         m_Labels = map.voxels;
-    } else if (!m_HasMap) {
-        m_Labels = VoxelBuffer(SliceVoxels(m_Dims) * static_cast<std::size_t>(m_Dims[2]));
+    } else if (!m_HasMap || m_IsShared) {
+        const VoxelBuffer own(SliceVoxels(m_Dims) * static_cast<std::size_t>(m_Dims[2]));
+        std::copy_n(m_Labels.data(), m_HasMap ? own.size() : 0, own.data());
+        m_Labels = own;
     }
+    m_IsShared = taken;
     const Overlay overlay{labels, map.dims, *numbers};
     std::atomic<std::int64_t> num_inside{taken ? 1 : 0};
     ForEachIndex(taken ? 0 : m_Dims[2], [&](int iz) {

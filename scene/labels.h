@@ -23,8 +23,9 @@ public:
     // Where the map's voxels lie is told by its geometry: its axes may be swapped and reversed, its origin and size
     // may differ. Where its voxels do not coincide with the volume's (to a tenth of a voxel), each voxel of the volume
     // takes the nearest of the map's if `resample`, else that is an Error of the input kind, and so is a map that lies
-    // beside the volume. The voxels of a first map on the volume's own grid are shared, not copied. `subject` names the
-    // map in errors. Works on all workers; throws the host's cancellation.
+    // beside the volume. The voxels of a first map on the volume's own grid are shared as long as it is the only one.
+    // `subject` names the map in errors. Works on all workers; throws the host's cancellation, after which a part of
+    // the map may be laid over the volume until it is added again.
     void Add(const ImportedVolume& map, bool resample, const std::string& subject);
 
     const std::array<int, 3>& Dims() const { return m_Dims; }
@@ -39,6 +40,7 @@ private:
     VoxelBuffer m_Labels;  // 16 bits unsigned
     std::vector<int> m_Present;
     bool m_HasMap = false;
+    bool m_IsShared = false;  // the memory of the labels is that of the first map
 };
 
 // One line of a label table.

@@ -71,7 +71,7 @@ struct PickedPoint {
     double voxel_value = 0.0;              // its rescaled value
 };
 
-// The brightest voxel of the ray, as the projection draws it. `linear` as the projection was made.
+// The brightest voxel of the ray, as the projection draws it. Throws Error when slices cannot be read.
 PickedPoint PickOnProjection(Projection& projection, VolumeSource& source, double pixel_x, double pixel_y);
 
 // The point of the ray that contributes most to the pixel's colour: the first opaque one, or of several half

@@ -83,19 +83,29 @@ void Projection::SetClipping(const std::vector<ClipPlane>& planes) {
 }
 
 void Projection::SetMask(std::shared_ptr<IP_RealListVol> mask) {
-    m_Mask = std::move(mask);
-    ++m_MaskVersion;
     if (m_Linear) {
         auto masked =
-            m_Mask != nullptr ? std::make_unique<MaskedVolume>(m_Source, *m_Mask, m_Source.Info().min_value) : nullptr;
+            mask != nullptr ? std::make_unique<MaskedVolume>(m_Source, *mask, m_Source.Info().min_value) : nullptr;
         const auto volume = std::make_shared<IP_VolData>(masked != nullptr ? *masked->Volume() : *m_Source.Volume());
         *volume->GetBox() = ProjectionBox(m_Source.Info());
         m_Params.m_VolData->ResetNvoldatas();
         m_Params.m_VolData->AddVolData(volume);
         m_Volume = volume;
         m_Masked = std::move(masked);
-    } else if (m_Prepared != nullptr) {
+    }
+    std::swap(m_Mask, mask);
+    ++m_MaskVersion;
+    if (m_Prepared == nullptr) {
+        return;
+    }
+    try {
         PassMask();
+    } catch (...) {
+        // Half of the slices may have the new mask: the next frame prepares them anew.
+        m_Params.m_AltVolData = nullptr;
+        m_Prepared = nullptr;
+        m_Mask = std::move(mask);
+        throw;
     }
 }
 
@@ -181,20 +191,25 @@ ProjectedPicture Projection::Draw() {
                           static_cast<std::int16_t>(floor));
     m_Params.m_OutputImage = picture.stored.data();
     m_Projector.Project(&m_Params, &m_BoxA, &m_BoxB, m_Linear ? 1 : 0, 0, floor);
+    if (m_Projector.IsComplete()) {
+        m_Projector.Shear(&m_Params, &m_BoxA, floor);
+        m_Projector.Shear(&m_Params, &m_BoxB, floor);
+    }
+    m_Params.m_OutputImage = nullptr;
     if (!m_Projector.IsComplete()) {
-        m_Params.m_OutputImage = nullptr;
         TCO_RunnableSelf().Service();
         NoMemory();
     }
-    m_Projector.Shear(&m_Params, &m_BoxA, floor);
-    m_Projector.Shear(&m_Params, &m_BoxB, floor);
-    m_Params.m_OutputImage = nullptr;
     return picture;
 }
 
 std::optional<IP_MIPPick> Projection::Pick(double pixel_x, double pixel_y) {
     IP_MIPPick pick;
     const bool found = m_Projector.Screen2Physical(&m_Params, 0, pixel_x, pixel_y, m_Linear ? 1 : 0, &pick);
+    if (!m_Projector.IsComplete()) {
+        throw Error(ErrorKind::kFailed, "pick", "a slice cannot be brought back to memory",
+                    "free memory and try again");
+    }
     return found ? std::optional(pick) : std::nullopt;
 }
 

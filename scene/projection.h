@@ -52,7 +52,8 @@ public:
     // Makes what the fast path draws; a frame would make it otherwise. Throws Error and the host's cancellation.
     void Prepare();
     void SetClipping(const std::vector<ClipPlane>& planes);
-    // Leaves out the voxels of a mask (of the source's size); null leaves out nothing. Throws as Prepare does.
+    // Leaves out the voxels of a mask (of the source's size); null leaves out nothing. Throws as Prepare does; the
+    // earlier mask then stays.
     void SetMask(std::shared_ptr<IP_RealListVol> mask);
     const IP_RealListVol* Mask() const { return m_Mask.get(); }
     void SetSlab(const std::optional<Slab>& slab);
@@ -63,7 +64,8 @@ public:
     // Throws Error when memory is refused, and the host's cancellation.
     ProjectedPicture Draw();
 
-    // The brightest voxel under a pixel of the last frame; empty where the ray misses.
+    // The brightest voxel under a pixel of the last frame; empty where the ray misses. Throws Error when slices cannot
+    // be read.
     std::optional<IP_MIPPick> Pick(double pixel_x, double pixel_y);
     // The viewing ray, in voxel indices of the source; empty where it misses the volume.
     std::optional<IP_MIPRay> Ray(double pixel_x, double pixel_y);
