@@ -1,5 +1,6 @@
 // Picking: the ray of a pixel and the voxel that it shows.
 #include "tests/mip/model.h"
+#include "tests/support/fault_sweep.h"
 
 #include <gtest/gtest.h>
 
@@ -98,6 +99,26 @@ TEST(MipPicking, RayRunsFromFaceToFaceInVoxelsOfItsOwnLength) {
         ASSERT_TRUE(IP_MIPProjector::ScreenRay(&r.p, 0, 59.5, 59.5, &cut));
         EXPECT_NEAR((ray.length - cut.length) * ray.voxel_size, 4.0, 1e-3);
         r.p.m_ClipManager = nullptr;
+    }
+}
+
+// The slice that cannot be read may be the one with the voxel.
+TEST(MipPicking, RefusedMappingsAreToldInsteadOfAnotherVoxel) {
+    const Volume v = lone_voxel({22, 15, 12}, {1.0, 1.0, 1.0});
+    Request r(v, 150, 130);
+    r.set_view({20.0, 10.0, 0.0});
+    FaultSweep sweep;
+    for (const int linear : {0, 1}) {
+        sweep.run([&](FaultPoint& point) {
+            IP_MIPPick pick{};
+            bool found = false;
+            const auto search = [&] { found = r.projector.Screen2Physical(&r.p, 0, 75.0, 65.0, linear, &pick); };
+            point.run(search);
+            EXPECT_NE(found, point.came());
+            EXPECT_EQ(r.projector.IsComplete(), found);
+            search();
+            EXPECT_TRUE(found && r.projector.IsComplete());
+        });
     }
 }
 
