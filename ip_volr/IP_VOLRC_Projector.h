@@ -211,6 +211,7 @@ private:
     struct RenderingResource {
         unsigned char* block = nullptr;
         MEM_PagerInfo info;
+        int held_brick = -1;  // of the current wave: what the block was last used for
     };
     struct PixelBrick {
         unsigned short x, y, z;  // 65535 for none

@@ -219,8 +219,11 @@ bool IP_VOLRC_Projector::BuildBrickList(int first_layer, int last_layer) {
         return false;
     }
 
-    // Heaviest first, equal ones in wave order.
-    const auto heavier = [](const BrickListEntry& a, const BrickListEntry& b) { return a.weight > b.weight; };
+    // Heaviest first, equal ones in wave order: the pieces of a brick follow each other, so that a server mostly holds
+    // the brick's voxels already.
+    const auto heavier = [](const BrickListEntry& a, const BrickListEntry& b) {
+        return a.weight != b.weight ? a.weight > b.weight : a.brick < b.brick;
+    };
     std::stable_sort(m_BrickList.begin(), m_BrickList.end(), heavier);
     if (!IsListBalanced()) {
         RedistributeRaysToTasks();
@@ -274,6 +277,9 @@ void IP_VOLRC_Projector::SplitRayList(std::size_t entry) {
 }
 
 void IP_VOLRC_Projector::CastWave() {
+    for (RenderingResource& resource : m_Resources) {
+        resource.held_brick = -1;
+    }
     if (m_Cast->deliveries.size() < m_BrickList.size()) {
         m_Cast->deliveries.resize(m_BrickList.size());
     }
@@ -307,9 +313,11 @@ void IP_VOLRC_Projector::ProcessBrick(std::size_t item, int server) {
         const bool* const found = std::find(active, active + kNumTissues, true);
         brick.only_tissue = data->GetNumTissues() == 1 ? static_cast<int>(found - active) : -1;
     }
+    RenderingResource& resource = m_Resources[static_cast<std::size_t>(server)];
+    brick.is_held = resource.held_brick == entry.brick;
+    resource.held_brick = entry.brick;
     kernels::RayCastResult result;
-    kernels::process_brick(m_Cast->frame, brick, m_Resources[static_cast<std::size_t>(server)].block,
-                           data->GetRayListHeader(entry.list), result);
+    kernels::process_brick(m_Cast->frame, brick, resource.block, data->GetRayListHeader(entry.list), result);
     DeliverRays(at, result, item);
 }
 

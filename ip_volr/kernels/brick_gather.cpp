@@ -92,7 +92,6 @@ void gather_tissues(const int dims[3], const int origin[3], const std::uint8_t* 
                     std::uint8_t missing_tissue, const GatherRows& wanted, std::uint8_t* tissues) {
     const GatherKernels& kernels = gather_kernels();
     const int count = std::min(kTissueEdge, dims[0] - origin[0]);
-    tissues[0] = missing_tissue;
     for (int z = 0; z < kTissueEdge; z++) {
         const std::uint8_t* const slice = slices[clamp_voxel(origin[2], z, dims[2])];
         for (int y = 0; y < kTissueEdge; y++, tissues += kTissueEdge) {

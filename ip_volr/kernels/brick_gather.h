@@ -46,8 +46,7 @@ void gather_brick(const GatherSource& source, const GatherRows& wanted, std::uin
 
 // Copies the tissue indices of the brick's 32^3 voxels, a byte each, x fastest, clamped to the volume. Slices hold 4
 // bits a voxel: voxel y * dims[0] + x in byte (y * dims[0] + x) / 2, in the low nibble when even. A null slice reads as
-// `missing_tissue`. Only the rows are written whose pairs are wanted (as above), and always the first voxel: the others
-// keep what they held.
+// `missing_tissue`. Only the rows are written whose pairs are wanted (as above): the others keep what they held.
 void gather_tissues(const int dims[3], const int origin[3], const std::uint8_t* const* slices,
                     std::uint8_t missing_tissue, const GatherRows& wanted, std::uint8_t* tissues);
 

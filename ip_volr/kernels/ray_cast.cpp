@@ -16,9 +16,6 @@ namespace {
 
 constexpr std::size_t kLeaves = kLeavesPerEdge;
 
-// One bit for each leaf: bit y * 8 + x of word z.
-using LeafMask = std::array<std::uint64_t, kLeaves>;
-
 const RayCastKernels& ray_cast_kernels() {
     static const KernelFamily<RayCastKernels> family(fill_ray_cast_scalar, fill_ray_cast_sse41, fill_ray_cast_avx2);
     return family.in_force();
@@ -210,14 +207,34 @@ GatherRows find_wanted_rows(const LeafMask& reached) {
     return wanted;
 }
 
-void gather_voxels(const RayCastFrame& frame, const RayCastBrick& brick, const GatherRows& wanted,
-                   RayCastWorkspace& work) {
+// Adds what of the wanted rows is not in the work block yet.
+void gather_rows(const RayCastFrame& frame, const RayCastBrick& brick, GatherRows wanted, RayCastWorkspace& work) {
+    std::uint64_t missing = 0;
+    for (std::size_t plane = 0; plane < kGatherEdge; plane++) {
+        wanted.rows[plane] &= ~work.gathered.rows[plane];
+        work.gathered.rows[plane] |= wanted.rows[plane];
+        missing |= wanted.rows[plane];
+    }
+    if (missing == 0) {
+        return;
+    }
     const GatherSource source = {{frame.dims[0], frame.dims[1], frame.dims[2]},
                                  {brick.origin[0], brick.origin[1], brick.origin[2]},
                                  frame.slices,
                                  frame.missing_value,
                                  static_cast<std::uint16_t>(frame.is_signed ? 0 : 0x8000)};
     gather_brick(source, wanted, work.pairs);
+    if (brick.only_tissue < 0) {
+        gather_tissues(frame.dims, brick.origin, frame.tissue_slices, kNoTissue, wanted, work.tissues);
+    }
+}
+
+// Makes the work block that of the brick, its voxels not yet gathered.
+void take_brick(const RayCastBrick& brick, const std::int32_t (&mirror)[3], RayCastWorkspace& work) {
+    work.visible = find_visible_leaves(brick.invisible_cache);
+    work.gathered = {};
+    work.tissues[0] = kNoTissue;  // lanes without a ray look here
+    find_leaf_runs(work.visible, mirror, work.leaf_runs);
 }
 
 // The Blinn-Phong half vector of light and view; zero when they cancel.
@@ -305,15 +322,12 @@ void process_brick(const RayCastFrame& frame, const RayCastBrick& brick, void* w
     // Prepare the brick.
     RayCastWorkspace& work = *align_workspace(work_block);
     RayCastJob job = make_job(frame, brick, work);
-    const LeafMask visible = find_visible_leaves(brick.invisible_cache);
-    find_leaf_runs(visible, job.mirror, work.leaf_runs);
-    const LeafMask reached = is_empty(visible) ? visible : find_reached_leaves(frame, brick, rays, visible);
-    if (!is_empty(reached)) {
-        const GatherRows wanted = find_wanted_rows(reached);
-        gather_voxels(frame, brick, wanted, work);
-        if (job.has_tissues) {
-            gather_tissues(frame.dims, brick.origin, frame.tissue_slices, kNoTissue, wanted, work.tissues);
-        }
+    if (!brick.is_held) {
+        take_brick(brick, job.mirror, work);
+    }
+    if (!is_empty(work.visible)) {
+        const LeafMask reached = find_reached_leaves(frame, brick, rays, work.visible);
+        gather_rows(frame, brick, find_wanted_rows(reached), work);
     }
 
     // Cast the rays, a batch at a time.

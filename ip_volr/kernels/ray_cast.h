@@ -48,7 +48,8 @@ constexpr int kNoTissue = 15;            // the table of voxels without a tissue
 constexpr int kNumTableEntries = 65536;  // entries of one colour table, whatever the number of bits
 constexpr int kNumNeighbours = 27;       // index 13 + dx + 3 dy + 9 dz; 13 is the brick itself
 
-// Bytes of scratch that one call needs: the work block of a task. Alignment and former content do not matter.
+// Bytes of scratch that one call needs: the work block of a task. Alignment does not matter, former content only where
+// the call says so.
 constexpr std::size_t kWorkBlockBytes = 215632;
 
 // What is constant for a frame. Filled once, then read by all tasks. Trivially copyable; pointers are not owned.
@@ -100,6 +101,8 @@ struct RayCastBrick {
     const std::uint32_t* invisible_cache;  // 1024 words, bit x of word z * 32 + y: the cell can contribute
     int only_tissue;                       // the one active tissue of the brick, or -1: look at `tissue_slices`.
                                            // kNoTissue in a frame without tissues
+    bool is_held;  // the work block is as a call for this very brick in this frame left it: its voxels are not gathered
+                   // again. The result does not depend on it
 };
 
 // A list of rays, linked by `next`; all null and 0 when empty.

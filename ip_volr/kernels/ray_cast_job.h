@@ -1,6 +1,7 @@
 // What `process_brick` prepares for the kernels of the ray caster: one job is a batch of rays in one brick.
 #pragma once
 
+#include <array>
 #include <cstdint>
 
 #include "ip_volr/IP_VOLRC_ListRay.h"
@@ -32,6 +33,9 @@ struct ShadeQueue {
     std::uint32_t slot[kShadeQueue];                              // ray in the batch
 };
 
+// The leaves of a brick, one bit each: bit y * 8 + x of word z.
+using LeafMask = std::array<std::uint64_t, kLeavesPerEdge>;
+
 // The task's work block. Which parts a kernel uses is its own business.
 struct alignas(64) RayCastWorkspace {
     std::uint32_t pairs[kNumPairs];              // voxels, see brick_gather.h
@@ -40,6 +44,8 @@ struct alignas(64) RayCastWorkspace {
     // the rays inside the brick and holds only leaves of its kind: above 0 for invisible ones, below 0 for visible
     // ones.
     std::int8_t leaf_runs[kNumLeaves + 16];
+    LeafMask visible;     // leaves with any visible cell
+    GatherRows gathered;  // rows of the brick that are here already
     _listRay* rays[kMaxBatch];
     std::uint16_t sums[kMaxBatch][4];  // light collected in this brick: blue, green, red, unused
     ShadeQueue queue;

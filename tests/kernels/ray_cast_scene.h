@@ -63,8 +63,10 @@ public:
     }
 
     RayCastBrick brick(const std::vector<std::uint32_t>& cache) const {
-        return {
-            {options.origin[0], options.origin[1], options.origin[2]}, cache.data(), options.tissues ? -1 : kNoTissue};
+        return {{options.origin[0], options.origin[1], options.origin[2]},
+                cache.data(),
+                options.tissues ? -1 : kNoTissue,
+                false};
     }
 
     // Stored value at a voxel clamped to the volume.

@@ -33,16 +33,22 @@ std::vector<std::ptrdiff_t> walk(const RayList& list, const _listRay* first) {
     return order;
 }
 
-// Casts a copy of the scene's rays in a work block between guard bytes.
-Outcome cast(const Scene& scene, const std::vector<std::uint32_t>& cache, InstructionSet set) {
+std::vector<std::uint8_t> make_block() {
+    return std::vector<std::uint8_t>(kWorkBlockBytes + 2 * kGuard, 0xa5);
+}
+
+// Casts a copy of the scene's rays in a work block between guard bytes, which may hold the brick already.
+Outcome cast_in(std::vector<std::uint8_t>& block, bool is_held, const Scene& scene,
+                const std::vector<std::uint32_t>& cache, InstructionSet set) {
     const ScopedInstructionSet limit(set);
     EXPECT_EQ(limit.in_force(), std::min(set, detected_instruction_set()));
-    std::vector<std::uint8_t> block(kWorkBlockBytes + 2 * kGuard, 0xa5);
     Outcome outcome;
     outcome.rays = scene.rays;
     RayCastResult result;
     std::memset(&result, 0xff, sizeof result);
-    process_brick(scene.frame, scene.brick(cache), block.data() + kGuard, Scene::link(outcome.rays), result);
+    RayCastBrick brick = scene.brick(cache);
+    brick.is_held = is_held;
+    process_brick(scene.frame, brick, block.data() + kGuard, Scene::link(outcome.rays), result);
     for (std::size_t i = 0; i < kGuard; i++) {
         EXPECT_EQ(block[i], 0xa5);
         EXPECT_EQ(block[block.size() - 1 - i], 0xa5);
@@ -55,6 +61,11 @@ Outcome cast(const Scene& scene, const std::vector<std::uint32_t>& cache, Instru
         ray.next = nullptr;
     }
     return outcome;
+}
+
+Outcome cast(const Scene& scene, const std::vector<std::uint32_t>& cache, InstructionSet set) {
+    std::vector<std::uint8_t> block = make_block();
+    return cast_in(block, false, scene, cache, set);
 }
 
 void expect_equal(const Outcome& a, const Outcome& b, const std::string& what) {
@@ -152,11 +163,14 @@ TEST(RayCast, ListsMayBeDivided) {
         });
         const Outcome whole = cast(scene, scene.true_cache, InstructionSet::Avx2);
         const std::vector<_listRay> all = scene.rays;
+        std::vector<std::uint8_t> block = make_block();
+        const bool keeps_block = seed % 2 == 0;
         for (std::size_t first = 0; first < all.size(); first += 37) {
             const std::size_t last = std::min(first + 37, all.size());
             const auto begin = all.begin();
             scene.rays.assign(begin + static_cast<std::ptrdiff_t>(first), begin + static_cast<std::ptrdiff_t>(last));
-            const Outcome part = cast(scene, scene.true_cache, InstructionSet::Avx2);
+            const Outcome part =
+                cast_in(block, keeps_block && first > 0, scene, scene.true_cache, InstructionSet::Avx2);
             for (std::size_t i = first; i < last; i++) {
                 ASSERT_EQ(std::memcmp(&part.rays[i - first], &whole.rays[i], sizeof(_listRay)), 0)
                     << describe(scene.options, InstructionSet::Avx2) << ", ray " << i;
