@@ -76,6 +76,7 @@ void cast_brick(benchmark::State& state, const Case& c, InstructionSet set, doub
         for (std::uint32_t& colour : scene.colours()) {
             colour = (colour & 0xffffff) | static_cast<std::uint32_t>(c.opaque_byte) << 24;
         }
+        scene.make_entries();
     }
     scene.rays = make_face_rays(scene);
     std::vector<std::uint8_t> block(kWorkBlockBytes);

@@ -300,6 +300,7 @@ private:
     void PrepareRayCasting();
     void PrepareMovement();
     void PrepareTransferFunction();
+    void MakeEntries();
     void PrepareShading();
     void CastLayers(int first_layer, int last_layer);
     void CastWave();

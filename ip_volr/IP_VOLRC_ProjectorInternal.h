@@ -6,6 +6,8 @@
 #include "ip_volr/kernels/ray_cast.h"
 
 #include <chrono>
+#include <cstdint>
+#include <memory>
 #include <vector>
 
 // Source path of the projector's log lines.
@@ -22,6 +24,11 @@ struct IP_VOLRC_RayCastScratch {
     ip_volr::kernels::RayCastFrame frame = {};
     IP_VOLRC_EmptySpace empty_space;
     bool empty_space_stale = true;  // the bricks' luminosity has changed
+    // Entries of all tissues as the kernels read them, for the tables and transparencies that they were made of. Those
+    // of tissues that the volume has not stay unwritten.
+    std::unique_ptr<std::uint64_t[]> entries;
+    bool entries_stale = true;  // the colour tables have changed
+    int first_tissue_of_entries = 0;
     // Per entry of the brick list: what left it, for which bricks. Kept between waves for their memory.
     std::vector<std::vector<IP_VOLRC_RayDelivery>> deliveries;
 };

@@ -108,15 +108,40 @@ void IP_VOLRC_Projector::PrepareTransferFunction() {
     frame.colours = &m_ColorTables[0][0];
     frame.table_offset = half_table;
     frame.table_last = (1 << m_TableBits) - 1;
+    IP_VOLRC_RayCastScratch& cast = *m_Cast;
     for (int k = 0; k < 256; k++) {
+        cast.entries_stale = cast.entries_stale || frame.step_transparency[k] != m_StepTransparencies[k][0];
         frame.step_transparency[k] = m_StepTransparencies[k][0];
     }
+    const int first_tissue = frame.tissue_slices == nullptr ? kernels::kNoTissue : 0;
+    if (cast.entries == nullptr) {
+        cast.entries.reset(new std::uint64_t[std::size_t{kernels::kNumTissues} * kernels::kNumTableEntries]);
+    }
+    if (cast.entries_stale || first_tissue < cast.first_tissue_of_entries) {
+        cast.entries_stale = true;  // also when this frame is abandoned
+        cast.first_tissue_of_entries = first_tissue;
+        RunOnAllServers(&IP_VOLRC_Projector::MakeEntries);
+        cast.entries_stale = false;
+    }
+    frame.entries = cast.entries.get();
     for (int tissue = 0; tissue < kNumTissues; tissue++) {
         const unsigned long long* const table = m_OpacityPointers[tissue];
         frame.weight_tables[tissue] =
             table == nullptr ? nullptr : reinterpret_cast<const std::uint64_t*>(table - half_table);
     }
     frame.transparency_threshold = m_TransparencyThreshold;
+}
+
+// Subtask: the entries of every n-th tissue, for n subtasks.
+void IP_VOLRC_Projector::MakeEntries() {
+    const TCO_RunnableSelf self;
+    IP_VOLRC_RayCastScratch& cast = *m_Cast;
+    for (int tissue = cast.first_tissue_of_entries + self.GetSubtaskIndex(); tissue < kNumTissues;
+         tissue += self.GetNumberOfSubtasks()) {
+        const std::size_t first = static_cast<std::size_t>(tissue) * kernels::kNumTableEntries;
+        kernels::make_entries(m_ColorTables[tissue], cast.frame.step_transparency, cast.frame.table_last + 1,
+                              cast.entries.get() + first);
+    }
 }
 
 void IP_VOLRC_Projector::PrepareShading() {

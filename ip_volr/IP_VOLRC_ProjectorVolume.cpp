@@ -357,5 +357,6 @@ bool IP_VOLRC_Projector::SetBrickColorTables() {
     m_BrickStructure->SetColorTables(colours, &m_StepTransparencies[0][0], m_TableBits, m_ShadingWeights,
                                      opacity_only ? VISIBILITY_BY_OPACITY : VISIBILITY_BY_CONTRIBUTION);
     m_Cast->empty_space_stale = true;
+    m_Cast->entries_stale = true;
     return true;
 }

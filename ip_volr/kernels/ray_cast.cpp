@@ -53,6 +53,10 @@ bool is_empty(const LeafMask& mask) {
     return std::all_of(mask.begin(), mask.end(), [](std::uint64_t plane) { return plane == 0; });
 }
 
+bool is_full(const LeafMask& mask) {
+    return std::all_of(mask.begin(), mask.end(), [](std::uint64_t plane) { return ~plane == 0; });
+}
+
 // Spreads eight bits over eight bytes of value 0 or 1.
 std::uint64_t spread_bits(std::uint64_t bits) {
     const std::uint64_t isolated = (bits & 0xff) * 0x0101010101010101u & 0x8040201008040201u;
@@ -312,6 +316,18 @@ void settle_ray(const RayCastFrame& frame, const RayCastBrick& brick, const std:
 
 }  // namespace
 
+void make_entries(const std::uint32_t* colours, const std::uint32_t (&step_transparency)[256], int count,
+                  std::uint64_t* entries) {
+    for (int i = 0; i < count; i++) {
+        const std::uint32_t colour = colours[i];
+        const std::uint32_t opacity = colour >> 24;
+        const std::uint32_t transparency = opacity == 0 ? 0 : std::max(step_transparency[opacity], 1u);
+        const std::uint32_t blue_red = (colour & 0xff) << 8 | (colour >> 16 & 0xff) << 24;
+        const std::uint32_t rest = transparency | opacity << 16 | (colour >> 8 & 0xff) << 24;
+        entries[i] = blue_red | std::uint64_t{rest} << 32;
+    }
+}
+
 void process_brick(const RayCastFrame& frame, const RayCastBrick& brick, void* work_block, _listRay* rays,
                    RayCastResult& result) {
     result = {};
@@ -325,6 +341,7 @@ void process_brick(const RayCastFrame& frame, const RayCastBrick& brick, void* w
     if (!brick.is_held) {
         take_brick(brick, job.mirror, work);
     }
+    job.is_all_visible = is_full(work.visible);
     if (!is_empty(work.visible)) {
         const LeafMask reached = find_reached_leaves(frame, brick, rays, work.visible);
         gather_rows(frame, brick, find_wanted_rows(reached), work);

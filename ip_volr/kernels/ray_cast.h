@@ -76,6 +76,9 @@ struct RayCastFrame {
     std::int32_t table_offset;     // index of stored value 0: 2^(bits - 1) when signed, else 0
     std::int32_t table_last;       // 2^bits - 1
     std::uint32_t step_transparency[256];
+    // The same as the vector kernels read it: what `make_entries` makes of the tables of all tissues in the volume, in
+    // the places of the colours.
+    const std::uint64_t* entries;
 
     // A ray ends below this transparency. Rays arrive with at least as much.
     std::uint16_t transparency_threshold;
@@ -94,6 +97,15 @@ struct RayCastFrame {
     const std::uint64_t* weight_tables[kNumTissues];
     std::int32_t uniform_weights[3];
 };
+
+// What a sample needs of its colour and its step's transparency, in 64 bits:
+//
+//     48     56      48      40      32
+//      | green | opacity | transparency |   | red | 0 | blue | 0 |
+//
+// The step's transparency is at least 1 where there is opacity, which makes no difference, and 0 where there is none.
+void make_entries(const std::uint32_t* colours, const std::uint32_t (&step_transparency)[256], int count,
+                  std::uint64_t* entries);
 
 // What is constant for a brick.
 struct RayCastBrick {

@@ -52,9 +52,9 @@ struct Avx2Lanes {
     static void store(T* words, Int value) {
         _mm256_storeu_si256(reinterpret_cast<__m256i*>(words), value);
     }
-    static Int first_lanes(int count) {
-        return _mm256_cmpgt_epi32(_mm256_set1_epi32(count), _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7));
-    }
+    static Int lane_numbers() { return _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7); }
+    static Int first_lanes(int count) { return _mm256_cmpgt_epi32(_mm256_set1_epi32(count), lane_numbers()); }
+    static Int only_lane(int lane) { return _mm256_cmpeq_epi32(_mm256_set1_epi32(lane), lane_numbers()); }
 
     static Int add(Int a, Int b) { return _mm256_add_epi32(a, b); }
     static Int sub(Int a, Int b) { return _mm256_sub_epi32(a, b); }
@@ -82,6 +82,10 @@ struct Avx2Lanes {
     static Int madd(Int a, Int b) { return _mm256_madd_epi16(a, b); }
     static Int mul_high_16(Int a, Int b) { return _mm256_mulhi_epu16(a, b); }
     static Int add_saturated_16(Int a, Int b) { return _mm256_adds_epu16(a, b); }
+    // The value in every 16 bits where `tested` is not 0 there.
+    static Int keep_where_not_zero_16(Int tested, Int value) {
+        return _mm256_andnot_si256(_mm256_cmpeq_epi16(tested, _mm256_setzero_si256()), value);
+    }
     static Int saturating_product_16(Int a, Int b) {
         const Int fits = _mm256_cmpeq_epi16(_mm256_mulhi_epu16(a, b), _mm256_setzero_si256());
         const Int overflow = _mm256_xor_si256(fits, _mm256_set1_epi32(-1));

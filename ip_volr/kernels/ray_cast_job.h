@@ -27,7 +27,7 @@ constexpr std::int32_t kWeightOne = 1 << kWeightBits;
 // Samples that wait to be shaded, an array for each property; the vector kernels shade them lane by lane.
 struct ShadeQueue {
     std::int32_t x[kShadeQueue], y[kShadeQueue], z[kShadeQueue];  // position in the brick, 16.16
-    std::uint32_t colour[kShadeQueue];                            // table entry
+    std::uint32_t blue_red[kShadeQueue], green[kShadeQueue];      // halves of its entry
     std::uint32_t weight[kShadeQueue];                            // of the sample, 16 bits
     std::uint32_t table_index[kShadeQueue];                       // tissue << 16 | index
     std::uint32_t slot[kShadeQueue];                              // ray in the batch
@@ -58,6 +58,7 @@ struct RayCastJob {
     RayCastWorkspace* work;  // voxels, tissues, leaf runs and rays are filled in
     int num_rays;
     std::int32_t value_offset;  // table index of the signed value 0 of the gathered voxels
+    bool is_all_visible;        // no leaf of the brick is invisible
     bool has_tissues;           // tissues differ inside the brick: look each sample's up
     bool has_weight_tables;     // some tissue of the brick has a table of its own
     bool has_simple_weights;    // no tables, and the uniform weight of ambient light fits 16 bits

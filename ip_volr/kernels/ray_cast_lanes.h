@@ -2,12 +2,12 @@
 // instruction sets only, each with a type `Lanes` of its own in an anonymous namespace; everything here is a template
 // on it, so no two instruction sets share code.
 //
-// A lane is given a run: a number of samples, known beforehand, that stay inside a cube of visible leaves, inside the
-// brick and before the ray's end. While all lanes have samples left nothing else is looked at. When a run is over its
-// lane is served: the ray retires and the lane takes the next one, or it leaps over cubes of invisible leaves to the
-// next visible one and gets a new run. Samples that are to be shaded go to a queue, which is worked off a full vector
-// at a time whichever rays they came from: the light of a ray in a brick is a saturating sum, so its order does not
-// matter.
+// Rays take turns in two passes. The first moves a vector of rays over cubes of invisible leaves to where each of them
+// sees something, and gives it a run: a number of samples, known beforehand, that stay inside a cube of visible leaves,
+// inside the brick and before the ray's end. The second samples: each lane takes a ray with a run, and while all lanes
+// have samples left nothing else is looked at; a ray whose run is over waits for the first pass again. Samples that are
+// to be shaded go to a queue, which is worked off a full vector at a time whichever rays they came from: the light of a
+// ray in a brick is a saturating sum, so its order does not matter.
 #pragma once
 
 #include <cstdint>
@@ -22,48 +22,32 @@ namespace ip_volr::kernels {
 
 namespace {
 
-// The registers of a lane that change as its ray moves.
+// Where a ray is.
+template <class Lanes>
+struct PlaceLanes {
+    typename Lanes::Int x, y, z;     // position in the brick
+    typename Lanes::Int count, end;  // step counts
+    typename Lanes::Int transparency;
+};
+
+// The registers of a lane that samples.
 template <class Lanes>
 struct LaneState {
     using Int = typename Lanes::Int;
     Int x, y, z;       // position in the brick
-    Int count, end;    // step counts
+    Int count;         // step count
     Int transparency;  // 16 bits
     Int light_br;      // light of this brick: blue in the low, red in the high 16 bits
-    Int light_g;       // green in the low 16 bits
-    Int run;           // samples until the lane is served
+    Int light_g;       // green in the high 16 bits
+    Int run;           // samples that are left
     Int live;          // all ones while the lane has a ray
 };
 
-// The same in memory, where single lanes are reached; this is where the state lives between two runs.
-template <class Lanes>
-struct alignas(32) LaneMemory {
-    using State = LaneState<Lanes>;
-    std::int32_t x[Lanes::kCount], y[Lanes::kCount], z[Lanes::kCount];
-    std::int32_t count[Lanes::kCount], end[Lanes::kCount], transparency[Lanes::kCount];
-    std::uint32_t light_br[Lanes::kCount], light_g[Lanes::kCount];
-    std::int32_t run[Lanes::kCount], live[Lanes::kCount];
-
-    IP_VOLR_HOT State load() const {
-        return {Lanes::load(x),        Lanes::load(y),       Lanes::load(z),
-                Lanes::load(count),    Lanes::load(end),     Lanes::load(transparency),
-                Lanes::load(light_br), Lanes::load(light_g), Lanes::load(run),
-                Lanes::load(live)};
-    }
-    IP_VOLR_HOT void store_position(const State& state) {
-        Lanes::store(x, state.x);
-        Lanes::store(y, state.y);
-        Lanes::store(z, state.z);
-        Lanes::store(count, state.count);
-        Lanes::store(run, state.run);
-    }
-    // All that a run of samples changes.
-    IP_VOLR_HOT void store(const State& state) {
-        store_position(state);
-        Lanes::store(transparency, state.transparency);
-        Lanes::store(light_br, state.light_br);
-        Lanes::store(light_g, state.light_g);
-    }
+// The batch's rays, an array for each property, with room for one more vector.
+struct RayTable {
+    static constexpr int kCount = kMaxBatch + 8;
+    std::int32_t x[kCount], y[kCount], z[kCount];
+    std::int32_t count[kCount], end[kCount], transparency[kCount];
 };
 
 template <class Lanes>
@@ -78,13 +62,21 @@ class RayCaster {
     using Int = typename Lanes::Int;
     using Float = typename Lanes::Float;
     using Cell = CellLanes<Lanes>;
+    using Place = PlaceLanes<Lanes>;
     using State = LaneState<Lanes>;
     static constexpr int kCount = Lanes::kCount;
+    static constexpr int kAllLanes = (1 << kCount) - 1;
     static constexpr int kFullQueue = kShadeQueue - 8;
+    static constexpr std::int32_t kEndless = 0x7fffffff;
 
     // Two neighbours along x, interpolated along y.
     struct Edge {
         Int first, second;
+    };
+
+    // The halves of a sample's entry, see ray_cast.h.
+    struct Entry {
+        Int blue_red, rest;
     };
 
     // What the inner loop needs in every lane. The compiler is kept from seeing the values: it would rather build them
@@ -96,12 +88,12 @@ class RayCaster {
         Int high_bits = Lanes::hide(Lanes::set(-0x10000));
         Int strides = Lanes::hide(Lanes::set(kPairPlane << 16 | kPairRow));
         Int weight_one = Lanes::hide(Lanes::set(kWeightOne));
-        Int blue_red = Lanes::hide(Lanes::set(-0xff0100));
-        Int green = Lanes::hide(Lanes::set(0xff00));
+        Int green = Lanes::hide(Lanes::set(-0x1000000));
+        Int opacity = Lanes::hide(Lanes::set(0xff0000));
         Float unit = Lanes::hide(Lanes::set(1.0f / 65536.0f));
         Float value_unit = Lanes::hide(Lanes::set(1.0f / kWeightOne));
         Int increment_x, increment_y, increment_z, step;
-        Int value_offset, table_last, transparency_threshold, shading_threshold, ambient, ambient_2;
+        Int value_offset, table_last, transparency_threshold, shading_threshold, ambient;
 
         explicit Constants(const RayCastJob& job)
             : increment_x(Lanes::hide(Lanes::set(job.frame->increment[0]))),
@@ -111,167 +103,273 @@ class RayCaster {
               value_offset(Lanes::hide(Lanes::set(job.value_offset))),
               table_last(Lanes::hide(Lanes::set(job.frame->table_last))),
               transparency_threshold(Lanes::hide(Lanes::set(job.frame->transparency_threshold))),
-              // Nothing exceeds the threshold when shading is off.
-              shading_threshold(
-                  Lanes::hide(Lanes::set(job.frame->shading ? job.frame->opacity_gradient_threshold : 0x10000))),
-              ambient(Lanes::hide(Lanes::set(job.frame->uniform_weights[2]))),
-              ambient_2(Lanes::hide(duplicate_16(Lanes::set(job.frame->uniform_weights[2])))) {}
+              shading_threshold(Lanes::hide(Lanes::set(shading_threshold_of(*job.frame)))),
+              ambient(Lanes::hide(duplicate_16(Lanes::set(job.frame->uniform_weights[2])))) {}
+
+        // What the weight, or the opacity in its place in an entry, must exceed. Nothing does when shading is off.
+        static std::int32_t shading_threshold_of(const RayCastFrame& frame) {
+            return !frame.shading                 ? 0x7fffffff
+                   : frame.weight_decides_shading ? frame.opacity_gradient_threshold
+                                                  : frame.opacity_gradient_threshold >> 8 << 16;
+        }
     };
 
 public:
     explicit RayCaster(const RayCastJob& job)
-        : m_Job(job), m_Frame(*job.frame), m_Work(*job.work), m_NextRay(0), m_NumQueued(0) {
-        m_Colours = m_Frame.colours;
-        m_TissueBits = 0;
+        : m_Job(job), m_Frame(*job.frame), m_Work(*job.work), m_Entries(m_Frame.entries), m_TissueBits(0) {
         if (!job.has_tissues) {
             m_TissueBits = job.brick->only_tissue << 16;
-            m_Colours += m_TissueBits;
+            m_Entries += m_TissueBits;
         }
     }
 
     void cast() {
-        for (int i = 0; i < m_Job.num_rays; i++) {
-            Lanes::clear_sums(m_Work.sums[i]);
+        load_rays();
+        for (int first = 0; first < m_Job.num_rays; first += kCount) {
+            find_runs_from(first);
         }
         const Constants constants(m_Job);
-        start();
-        while (serve()) {
-            State state = m_Lanes.load();
+        State state = idle_state();
+        int idle = kAllLanes;
+        for (;;) {
+            idle = fill_lanes(state, idle);
+            if (idle == kAllLanes) {
+                break;
+            }
+            Int over;
             do {
                 take_samples(constants, state);
-            } while (Lanes::mask(Lanes::greater(constants.one, state.run)) == 0 && m_NumQueued < kFullQueue);
-            m_Lanes.store(state);
+                over = Lanes::greater(constants.one, state.run);
+            } while (Lanes::mask(over) == 0 && m_NumQueued < kFullQueue);
+            idle |= empty_lanes(state, over);
             if (m_NumQueued >= kFullQueue) {
                 shade_full_vectors();
             }
         }
         shade_queue(m_NumQueued);
+        store_rays();
     }
 
 private:
-    // ---- Movement ----
+    // ---- Rays ----
 
-    // Loads the first rays.
-    void start() {
-        for (int lane = 0; lane < kCount; lane++) {
-            load_ray(lane);
+    void load_rays() {
+        const int* const origin = m_Job.brick->origin;
+        for (int i = 0; i < m_Job.num_rays; i++) {
+            const _listRay& ray = *m_Work.rays[i];
+            m_Rays.x[i] = static_cast<std::int32_t>(ray.position[0] - (static_cast<std::uint32_t>(origin[0]) << 16));
+            m_Rays.y[i] = static_cast<std::int32_t>(ray.position[1] - (static_cast<std::uint32_t>(origin[1]) << 16));
+            m_Rays.z[i] = static_cast<std::int32_t>(ray.position[2] - (static_cast<std::uint32_t>(origin[2]) << 16));
+            m_Rays.count[i] = ray.step_count;
+            m_Rays.end[i] = ray.end;
+            m_Rays.transparency[i] = ray.transparency;
+            Lanes::clear_sums(m_Work.sums[i]);
         }
     }
 
-    // Gives every lane without samples left a new run or a new ray. False when no lane has a ray any more.
-    IP_VOLR_COLD bool serve() {
-        for (;;) {
-            State state = m_Lanes.load();
-            const Int waiting = Lanes::greater(Lanes::set(1), state.run);
-            const int num_retired = replace_rays(Lanes::mask(Lanes::bit_and(waiting, find_retired(state))));
-            if (num_retired == 0) {
-                if (Lanes::mask(waiting) == 0) {
-                    return Lanes::mask(state.live) != 0;
-                }
-                find_runs(state, waiting);
-                m_Lanes.store_position(state);
+    void store_rays() {
+        const int* const origin = m_Job.brick->origin;
+        for (int i = 0; i < m_Job.num_rays; i++) {
+            _listRay& ray = *m_Work.rays[i];
+            ray.position[0] = static_cast<std::uint32_t>(m_Rays.x[i]) + (static_cast<std::uint32_t>(origin[0]) << 16);
+            ray.position[1] = static_cast<std::uint32_t>(m_Rays.y[i]) + (static_cast<std::uint32_t>(origin[1]) << 16);
+            ray.position[2] = static_cast<std::uint32_t>(m_Rays.z[i]) + (static_cast<std::uint32_t>(origin[2]) << 16);
+            ray.step_count = m_Rays.count[i];
+            ray.transparency = static_cast<unsigned short>(m_Rays.transparency[i]);
+        }
+    }
+
+    // ---- Lanes ----
+
+    // A lane without a ray: nothing it does leaves a trace, and its run does not end.
+    static State idle_state() {
+        const Int zero = Lanes::set(0);
+        return {zero, zero, zero, zero, Lanes::set(0xffff), zero, zero, Lanes::set(kEndless), zero};
+    }
+
+    // Gives idle lanes rays that have a run. Returns the lanes that stay idle.
+    IP_VOLR_HOT int fill_lanes(State& state, int idle) {
+        while (idle != 0) {
+            if (m_NextRun == m_NumRuns && !find_waiting_runs(idle)) {
+                break;
             }
+            const int slot = static_cast<int>(m_RunSlots[m_NextRun]);
+            const int lane = __builtin_ctz(static_cast<unsigned>(idle));
+            const Int only = Lanes::only_lane(lane);
+            state.x = Lanes::select(only, Lanes::set(m_Rays.x[slot]), state.x);
+            state.y = Lanes::select(only, Lanes::set(m_Rays.y[slot]), state.y);
+            state.z = Lanes::select(only, Lanes::set(m_Rays.z[slot]), state.z);
+            state.count = Lanes::select(only, Lanes::set(m_Rays.count[slot]), state.count);
+            state.transparency = Lanes::select(only, Lanes::set(m_Rays.transparency[slot]), state.transparency);
+            state.run = Lanes::select(only, Lanes::set(m_Runs[m_NextRun]), state.run);
+            state.live = Lanes::bit_or(state.live, only);
+            m_Slot[lane] = slot;
+            m_NextRun++;
+            idle &= idle - 1;
         }
+        return idle;
     }
 
-    // Lanes whose ray has left the brick, passed its end or faded.
-    Int find_retired(const State& state) {
-        const Int position = Lanes::bit_or(Lanes::bit_or(state.x, state.y), state.z);
-        const Int outside = Lanes::greater(Lanes::template shift_right<kBrickPositionBits>(position), Lanes::set(0));
-        const Int ended = Lanes::greater(state.count, state.end);
-        const Int faded = Lanes::greater(Lanes::set(m_Frame.transparency_threshold), state.transparency);
-        return Lanes::bit_or(outside, Lanes::bit_or(ended, faded));
-    }
-
-    // Writes the rays of the given lanes back and gives these lanes the next rays. Returns the lanes.
-    int replace_rays(int lanes) {
+    // Takes the rays from the lanes whose run is over. Returns these lanes.
+    IP_VOLR_HOT int empty_lanes(State& state, Int over) {
+        const int lanes = Lanes::mask(over);
+        if (lanes == 0) {
+            return 0;
+        }
+        alignas(32) std::int32_t x[kCount], y[kCount], z[kCount], count[kCount], transparency[kCount];
+        alignas(32) std::uint32_t light_br[kCount], light_g[kCount];
+        Lanes::store(x, state.x);
+        Lanes::store(y, state.y);
+        Lanes::store(z, state.z);
+        Lanes::store(count, state.count);
+        Lanes::store(transparency, state.transparency);
+        Lanes::store(light_br, state.light_br);
+        Lanes::store(light_g, state.light_g);
         for (int left = lanes; left != 0; left &= left - 1) {
             const int lane = __builtin_ctz(static_cast<unsigned>(left));
-            retire_ray(lane);
-            load_ray(lane);
+            const int slot = m_Slot[lane];
+            m_Rays.x[slot] = x[lane];
+            m_Rays.y[slot] = y[lane];
+            m_Rays.z[slot] = z[lane];
+            m_Rays.count[slot] = count[lane];
+            m_Rays.transparency[slot] = transparency[lane];
+            Lanes::add_to_sums(m_Work.sums[slot], light_br[lane], light_g[lane] >> 16);
+            m_Waiting[m_NumWaiting++] = slot;
         }
+        state.light_br = Lanes::bit_and_not(over, state.light_br);
+        state.light_g = Lanes::bit_and_not(over, state.light_g);
+        state.transparency = Lanes::select(over, Lanes::set(0xffff), state.transparency);
+        state.run = Lanes::select(over, Lanes::set(kEndless), state.run);
+        state.live = Lanes::bit_and_not(over, state.live);
         return lanes;
     }
 
-    void retire_ray(int lane) {
-        const int* const origin = m_Job.brick->origin;
-        const int slot = m_Slot[lane];
-        _listRay& ray = *m_Work.rays[slot];
-        ray.position[0] = static_cast<std::uint32_t>(m_Lanes.x[lane]) + (static_cast<std::uint32_t>(origin[0]) << 16);
-        ray.position[1] = static_cast<std::uint32_t>(m_Lanes.y[lane]) + (static_cast<std::uint32_t>(origin[1]) << 16);
-        ray.position[2] = static_cast<std::uint32_t>(m_Lanes.z[lane]) + (static_cast<std::uint32_t>(origin[2]) << 16);
-        ray.step_count = m_Lanes.count[lane];
-        ray.transparency = static_cast<unsigned short>(m_Lanes.transparency[lane]);
-        Lanes::add_to_sums(m_Work.sums[slot], m_Lanes.light_br[lane], m_Lanes.light_g[lane]);
-    }
+    // ---- Runs ----
 
-    void load_ray(int lane) {
-        m_Lanes.light_br[lane] = 0;
-        m_Lanes.light_g[lane] = 0;
-        if (m_NextRay == m_Job.num_rays) {
-            // An idle lane is never served again.
-            m_Slot[lane] = 0;
-            m_Lanes.x[lane] = m_Lanes.y[lane] = m_Lanes.z[lane] = 0;
-            m_Lanes.count[lane] = m_Lanes.end[lane] = 0;
-            m_Lanes.transparency[lane] = 0xffff;
-            m_Lanes.run[lane] = 0x7fffffff;
-            m_Lanes.live[lane] = 0;
-            return;
+    // Finds runs for rays whose last one is over: for full vectors of them, or for all when no lane has a ray. False
+    // when there are no new runs.
+    IP_VOLR_COLD bool find_waiting_runs(int idle) {
+        m_NextRun = 0;
+        m_NumRuns = 0;
+        while (m_NumWaiting >= kCount || (idle == kAllLanes && m_NumWaiting > 0 && m_NumRuns == 0)) {
+            const int num_rays = m_NumWaiting < kCount ? m_NumWaiting : kCount;
+            m_NumWaiting -= num_rays;
+            const std::int32_t* const slots = m_Waiting + m_NumWaiting;
+            alignas(32) std::int32_t x[kCount], y[kCount], z[kCount], count[kCount], end[kCount], transparency[kCount];
+            for (int i = 0; i < kCount; i++) {
+                const int slot = slots[i < num_rays ? i : 0];
+                x[i] = m_Rays.x[slot];
+                y[i] = m_Rays.y[slot];
+                z[i] = m_Rays.z[slot];
+                count[i] = m_Rays.count[slot];
+                end[i] = m_Rays.end[slot];
+                transparency[i] = m_Rays.transparency[slot];
+            }
+            Place place = {Lanes::load(x),     Lanes::load(y),   Lanes::load(z),
+                           Lanes::load(count), Lanes::load(end), Lanes::load(transparency)};
+            add_runs(Lanes::load(slots), find_runs(place, Lanes::first_lanes(num_rays)));
+            Lanes::store(x, place.x);
+            Lanes::store(y, place.y);
+            Lanes::store(z, place.z);
+            Lanes::store(count, place.count);
+            for (int i = 0; i < num_rays; i++) {
+                const int slot = slots[i];
+                m_Rays.x[slot] = x[i];
+                m_Rays.y[slot] = y[i];
+                m_Rays.z[slot] = z[i];
+                m_Rays.count[slot] = count[i];
+            }
         }
-        const int* const origin = m_Job.brick->origin;
-        const _listRay& ray = *m_Work.rays[m_NextRay];
-        m_Slot[lane] = m_NextRay++;
-        m_Lanes.x[lane] = static_cast<std::int32_t>(ray.position[0] - (static_cast<std::uint32_t>(origin[0]) << 16));
-        m_Lanes.y[lane] = static_cast<std::int32_t>(ray.position[1] - (static_cast<std::uint32_t>(origin[1]) << 16));
-        m_Lanes.z[lane] = static_cast<std::int32_t>(ray.position[2] - (static_cast<std::uint32_t>(origin[2]) << 16));
-        m_Lanes.count[lane] = ray.step_count;
-        m_Lanes.end[lane] = ray.end;
-        m_Lanes.transparency[lane] = ray.transparency;
-        m_Lanes.run[lane] = 0;
-        m_Lanes.live[lane] = -1;
+        return m_NumRuns > 0;
     }
 
-    // Distance, as if coordinates always grew, to the last position of the cube of `edge` leaves around a coordinate.
+    // Finds the first runs of a vector of neighbours in the batch.
+    void find_runs_from(int first) {
+        Place place = {Lanes::load(m_Rays.x + first),   Lanes::load(m_Rays.y + first),
+                       Lanes::load(m_Rays.z + first),   Lanes::load(m_Rays.count + first),
+                       Lanes::load(m_Rays.end + first), Lanes::load(m_Rays.transparency + first)};
+        const Int runs = find_runs(place, Lanes::first_lanes(m_Job.num_rays - first));
+        Lanes::store(m_Rays.x + first, place.x);
+        Lanes::store(m_Rays.y + first, place.y);
+        Lanes::store(m_Rays.z + first, place.z);
+        Lanes::store(m_Rays.count + first, place.count);
+        add_runs(Lanes::add(Lanes::set(first), Lanes::lane_numbers()), runs);
+    }
+
+    // Appends the runs that are not 0.
+    void add_runs(Int slots, Int runs) {
+        const int lanes = Lanes::mask(Lanes::greater(runs, Lanes::set(0)));
+        const auto order = Lanes::compress_order(lanes);
+        Lanes::store_compressed(m_RunSlots + m_NumRuns, slots, order);
+        Lanes::store_compressed(m_Runs + m_NumRuns, runs, order);
+        m_NumRuns += Lanes::count_bits(lanes);
+    }
+
+    // Lanes whose ray has left the brick, passed its end or faded.
+    Int find_retired(const Place& place) {
+        const Int position = Lanes::bit_or(Lanes::bit_or(place.x, place.y), place.z);
+        const Int outside = Lanes::greater(Lanes::template shift_right<kBrickPositionBits>(position), Lanes::set(0));
+        const Int ended = Lanes::greater(place.count, place.end);
+        const Int faded = Lanes::greater(Lanes::set(m_Frame.transparency_threshold), place.transparency);
+        return Lanes::bit_or(outside, Lanes::bit_or(ended, faded));
+    }
+
+    // Edge in leaves of the cube around each position, negative when its leaves are invisible.
+    Int look_up_leaf(const Place& place) {
+        const Int leaf_x = Lanes::template shift_right<kLeafPositionBits>(place.x);
+        const Int leaf_y = Lanes::template shift_right<kLeafPositionBits>(place.y);
+        const Int leaf_z = Lanes::template shift_right<kLeafPositionBits>(place.z);
+        Int leaf = Lanes::add(Lanes::template shift_left<3>(leaf_z), leaf_y);
+        leaf = Lanes::bit_and(Lanes::add(Lanes::template shift_left<3>(leaf), leaf_x), Lanes::set(kNumLeaves - 1));
+        return Lanes::load_byte(m_Work.leaf_runs, leaf);
+    }
+
+    // Distance, as if coordinates always grew, to the last position of the cube of `edge` leaves around a coordinate,
+    // or to the last one in the brick when all of it is visible.
     Float find_distance(Int coordinate, Int edge, std::int32_t mirror) {
         const Int mirrored = Lanes::bit_xor(coordinate, Lanes::set(mirror));
-        const Int leaf = Lanes::template shift_right<kLeafPositionBits>(mirrored);
-        const Int beyond = Lanes::template shift_left<kLeafPositionBits>(Lanes::add(leaf, edge));
+        Int beyond = Lanes::set(1 << kBrickPositionBits);
+        if (!m_Job.is_all_visible) {
+            const Int leaf = Lanes::template shift_right<kLeafPositionBits>(mirrored);
+            beyond = Lanes::template shift_left<kLeafPositionBits>(Lanes::add(leaf, edge));
+        }
         return Lanes::to_float(Lanes::sub(Lanes::sub(beyond, Lanes::set(1)), mirrored));
     }
 
-    // Gives the waiting lanes in visible leaves a run and moves the others, which go on waiting, behind the invisible
-    // leaves around them.
-    void find_runs(State& state, Int waiting) {
-        // Look up the leaf.
-        const Int leaf_x = Lanes::template shift_right<kLeafPositionBits>(state.x);
-        const Int leaf_y = Lanes::template shift_right<kLeafPositionBits>(state.y);
-        const Int leaf_z = Lanes::template shift_right<kLeafPositionBits>(state.z);
-        Int leaf = Lanes::add(Lanes::template shift_left<3>(leaf_z), leaf_y);
-        leaf = Lanes::bit_and(Lanes::add(Lanes::template shift_left<3>(leaf), leaf_x), Lanes::set(kNumLeaves - 1));
-        const Int leaf_run = Lanes::load_byte(m_Work.leaf_runs, leaf);
-        const Int edge = Lanes::absolute(leaf_run);
-
-        // Count the steps that stay in the cube and do not pass the end. Whether a step more would stay does not
-        // matter: it would only be found by the next look-up.
+    // Moves rays behind the invisible leaves around them until they are in visible ones or retire. Returns their runs,
+    // 0 for those that retire.
+    Int find_runs(Place& place, Int searching) {
         const float* const scale = m_Job.steps_per_unit;
         const std::int32_t* const mirror = m_Job.mirror;
-        const Float steps_x = Lanes::mul(find_distance(state.x, edge, mirror[0]), Lanes::set(scale[0]));
-        const Float steps_y = Lanes::mul(find_distance(state.y, edge, mirror[1]), Lanes::set(scale[1]));
-        const Float steps_z = Lanes::mul(find_distance(state.z, edge, mirror[2]), Lanes::set(scale[2]));
-        const Float left = Lanes::to_float(Lanes::sub(state.end, state.count));
-        const Float steps_left = Lanes::mul(left, Lanes::set(scale[3]));
-        const Float least = Lanes::min(Lanes::min(steps_x, steps_y), Lanes::min(steps_z, steps_left));
-        const Int run = Lanes::add(Lanes::truncate(least), Lanes::set(1));
+        Int runs = Lanes::set(0);
+        for (;;) {
+            searching = Lanes::bit_and_not(find_retired(place), searching);
+            if (Lanes::mask(searching) == 0) {
+                return runs;
+            }
 
-        // Set the runs, leap.
-        const Int leaping = Lanes::bit_and(waiting, Lanes::greater(leaf_run, Lanes::set(0)));
-        const Int sampling = Lanes::bit_and_not(leaping, waiting);
-        state.run = Lanes::select(sampling, run, state.run);
-        const Int leap = Lanes::bit_and(leaping, run);
-        state.x = Lanes::add(state.x, Lanes::mul_low(leap, Lanes::set(m_Frame.increment[0])));
-        state.y = Lanes::add(state.y, Lanes::mul_low(leap, Lanes::set(m_Frame.increment[1])));
-        state.z = Lanes::add(state.z, Lanes::mul_low(leap, Lanes::set(m_Frame.increment[2])));
-        state.count = Lanes::add(state.count, Lanes::mul_low(leap, Lanes::set(m_Frame.step)));
+            // Count the steps that stay in the cube and do not pass the end. Whether a step more would stay does not
+            // matter: it would only be found by the next look-up.
+            const Int leaf_run = m_Job.is_all_visible ? Lanes::set(-1) : look_up_leaf(place);
+            const Int edge = Lanes::absolute(leaf_run);
+            const Float steps_x = Lanes::mul(find_distance(place.x, edge, mirror[0]), Lanes::set(scale[0]));
+            const Float steps_y = Lanes::mul(find_distance(place.y, edge, mirror[1]), Lanes::set(scale[1]));
+            const Float steps_z = Lanes::mul(find_distance(place.z, edge, mirror[2]), Lanes::set(scale[2]));
+            const Float left = Lanes::to_float(Lanes::sub(place.end, place.count));
+            const Float steps_left = Lanes::mul(left, Lanes::set(scale[3]));
+            const Float least = Lanes::min(Lanes::min(steps_x, steps_y), Lanes::min(steps_z, steps_left));
+            const Int run = Lanes::add(Lanes::truncate(least), Lanes::set(1));
+
+            // Set the runs, leap.
+            const Int leaping = Lanes::bit_and(searching, Lanes::greater(leaf_run, Lanes::set(0)));
+            runs = Lanes::bit_or(runs, Lanes::bit_and(Lanes::bit_and_not(leaping, searching), run));
+            const Int leap = Lanes::bit_and(leaping, run);
+            place.x = Lanes::add(place.x, Lanes::mul_low(leap, Lanes::set(m_Frame.increment[0])));
+            place.y = Lanes::add(place.y, Lanes::mul_low(leap, Lanes::set(m_Frame.increment[1])));
+            place.z = Lanes::add(place.z, Lanes::mul_low(leap, Lanes::set(m_Frame.increment[2])));
+            place.count = Lanes::add(place.count, Lanes::mul_low(leap, Lanes::set(m_Frame.step)));
+            searching = leaping;
+        }
     }
 
     // ---- Samples ----
@@ -334,19 +432,19 @@ private:
         const Int value = Lanes::add(sample_value(k, cell), k.value_offset);
         const Int index = Lanes::max(k.zero, Lanes::min(value, k.table_last));
         const Int tissue = sample_tissue(state);
-        const Int entry = m_Job.has_tissues ? Lanes::add(tissue, index) : index;
-        const Int colour = Lanes::bit_and(state.live, Lanes::load_word(m_Colours, entry));
-        const Int opacity = Lanes::template shift_right<24>(colour);
+        Entry entry;
+        Lanes::load_2(reinterpret_cast<const std::uint32_t*>(m_Entries),
+                      Lanes::template shift_left<1>(m_Job.has_tissues ? Lanes::add(tissue, index) : index),
+                      entry.blue_red, entry.rest);
+        entry.rest = Lanes::bit_and(state.live, entry.rest);
 
-        // Composite.
+        // Composite. Nothing is left of the light in the upper halves: there is no transparency in them.
         state.run = Lanes::sub(state.run, k.one);
-        const Int is_opaque = Lanes::greater(opacity, k.zero);
-        if (Lanes::mask(is_opaque) != 0) {
-            const Int step_transparency = Lanes::load_word(m_Frame.step_transparency, opacity);
-            const Int behind = Lanes::mul_high_16(state.transparency, step_transparency);
-            const Int weight = Lanes::bit_and(is_opaque, Lanes::sub(state.transparency, behind));
+        const Int behind = Lanes::mul_high_16(state.transparency, entry.rest);
+        const Int weight = Lanes::keep_where_not_zero_16(entry.rest, Lanes::sub(state.transparency, behind));
+        if (Lanes::mask(Lanes::greater(weight, k.zero)) != 0) {
             state.transparency = Lanes::sub(state.transparency, weight);
-            add_light(k, state, colour, opacity, weight, Lanes::bit_or(tissue, index));
+            add_light(k, state, entry, weight, Lanes::bit_or(tissue, index));
             // A faded ray has no run left.
             const Int faded = Lanes::greater(k.transparency_threshold, state.transparency);
             state.run = Lanes::bit_and_not(faded, state.run);
@@ -363,15 +461,6 @@ private:
 
     IP_VOLR_HOT static Int duplicate_16(Int value) {
         return Lanes::bit_or(value, Lanes::template shift_left<16>(value));
-    }
-
-    IP_VOLR_HOT static Int weighted_blue_red(const Constants& k, Int colour, Int weight) {
-        const Int bytes = Lanes::bit_and(Lanes::template shift_left<8>(colour), k.blue_red);
-        return Lanes::mul_high_16(bytes, duplicate_16(weight));
-    }
-
-    IP_VOLR_HOT static Int weighted_green(const Constants& k, Int colour, Int weight) {
-        return Lanes::mul_high_16(Lanes::bit_and(colour, k.green), weight);
     }
 
     // a * b / 65536 in every 16 bits, saturated; a is given by the 16 bits above and below 65536.
@@ -406,37 +495,38 @@ private:
     }
 
     // Light of one sample in every lane; the samples to be shaded go to the queue.
-    IP_VOLR_HOT void add_light(const Constants& k, State& state, Int colour, Int opacity, Int weight, Int table_index) {
-        const Int blue_red = weighted_blue_red(k, colour, weight);
-        const Int green = weighted_green(k, colour, weight);
+    IP_VOLR_HOT void add_light(const Constants& k, State& state, const Entry& entry, Int weight, Int table_index) {
+        const Int weight_2 = duplicate_16(weight);
+        const Int blue_red = Lanes::mul_high_16(entry.blue_red, weight_2);
+        const Int green = Lanes::mul_high_16(Lanes::bit_and(entry.rest, k.green), weight_2);
         if (m_Job.has_simple_weights) {
-            state.light_br = Lanes::add_saturated_16(state.light_br, Lanes::mul_high_16(blue_red, k.ambient_2));
+            state.light_br = Lanes::add_saturated_16(state.light_br, Lanes::mul_high_16(blue_red, k.ambient));
             state.light_g = Lanes::add_saturated_16(state.light_g, Lanes::mul_high_16(green, k.ambient));
         } else {
             const Int ambient = light_weight(table_index, 2);
-            const Int low = Lanes::bit_and(ambient, k.low_bits);
-            const Int high = Lanes::template shift_right<16>(ambient);
-            const Int br = multiply_16(duplicate_16(high), duplicate_16(low), blue_red);
-            state.light_br = Lanes::add_saturated_16(state.light_br, br);
+            const Int low = duplicate_16(Lanes::bit_and(ambient, k.low_bits));
+            const Int high = duplicate_16(Lanes::template shift_right<16>(ambient));
+            state.light_br = Lanes::add_saturated_16(state.light_br, multiply_16(high, low, blue_red));
             state.light_g = Lanes::add_saturated_16(state.light_g, multiply_16(high, low, green));
         }
-        const Int decider = m_Frame.weight_decides_shading ? weight : Lanes::template shift_left<8>(opacity);
+        const Int decider = m_Frame.weight_decides_shading ? weight : Lanes::bit_and(entry.rest, k.opacity);
         const int shaded = Lanes::mask(Lanes::greater(decider, k.shading_threshold));
         if (shaded != 0) {
-            queue_samples(state, colour, weight, table_index, shaded);
+            queue_samples(state, entry, weight, table_index, shaded);
         }
     }
 
     // ---- Shading ----
 
     // The queue has room for one more vector whenever samples are taken.
-    IP_VOLR_HOT void queue_samples(const State& state, Int colour, Int weight, Int table_index, int lanes) {
+    IP_VOLR_HOT void queue_samples(const State& state, const Entry& entry, Int weight, Int table_index, int lanes) {
         ShadeQueue& queue = m_Work.queue;
         const auto order = Lanes::compress_order(lanes);
         Lanes::store_compressed(queue.x + m_NumQueued, state.x, order);
         Lanes::store_compressed(queue.y + m_NumQueued, state.y, order);
         Lanes::store_compressed(queue.z + m_NumQueued, state.z, order);
-        Lanes::store_compressed(queue.colour + m_NumQueued, colour, order);
+        Lanes::store_compressed(queue.blue_red + m_NumQueued, entry.blue_red, order);
+        Lanes::store_compressed(queue.green + m_NumQueued, entry.rest, order);
         Lanes::store_compressed(queue.weight + m_NumQueued, weight, order);
         Lanes::store_compressed(queue.table_index + m_NumQueued, table_index, order);
         Lanes::store_compressed(queue.slot + m_NumQueued, Lanes::load(m_Slot), order);
@@ -453,7 +543,8 @@ private:
             queue.x[i] = queue.x[num_shaded + i];
             queue.y[i] = queue.y[num_shaded + i];
             queue.z[i] = queue.z[num_shaded + i];
-            queue.colour[i] = queue.colour[num_shaded + i];
+            queue.blue_red[i] = queue.blue_red[num_shaded + i];
+            queue.green[i] = queue.green[num_shaded + i];
             queue.weight[i] = queue.weight[num_shaded + i];
             queue.table_index[i] = queue.table_index[num_shaded + i];
             queue.slot[i] = queue.slot[num_shaded + i];
@@ -551,12 +642,14 @@ private:
         const Int specular = Lanes::round(Lanes::mul(reflected, Lanes::to_float(light_weight(table_index, 1))));
 
         // Light up.
-        const Int colour = Lanes::load(queue.colour + first);
         const Int weight = Lanes::load(queue.weight + first);
+        const Int weight_2 = duplicate_16(weight);
+        const Int weighted_br = Lanes::mul_high_16(Lanes::load(queue.blue_red + first), weight_2);
+        const Int weighted_g = Lanes::mul_high_16(Lanes::bit_and(Lanes::load(queue.green + first), k.green), weight_2);
         const Int specular_low = Lanes::bit_and(specular, Lanes::set(0xffff));
         const Int white = multiply_16(Lanes::template shift_right<16>(specular), specular_low, weight);
-        const Int blue_red = Lanes::mul_high_16(weighted_blue_red(k, colour, weight), duplicate_16(diffuse));
-        const Int green = Lanes::mul_high_16(weighted_green(k, colour, weight), diffuse);
+        const Int blue_red = Lanes::mul_high_16(weighted_br, duplicate_16(diffuse));
+        const Int green = Lanes::mul_high_16(Lanes::template shift_right<16>(weighted_g), diffuse);
         alignas(32) std::uint32_t light_br[kCount];
         alignas(32) std::uint32_t light_g[kCount];
         Lanes::store(light_br, Lanes::add_saturated_16(blue_red, duplicate_16(white)));
@@ -569,12 +662,16 @@ private:
     const RayCastJob& m_Job;
     const RayCastFrame& m_Frame;
     RayCastWorkspace& m_Work;
-    const std::uint32_t* m_Colours;
+    const std::uint64_t* m_Entries;  // of the brick's tissue, or of all
     std::int32_t m_TissueBits;
-    int m_NextRay;
-    int m_NumQueued;
-    LaneMemory<Lanes> m_Lanes;
-    alignas(32) std::int32_t m_Slot[Lanes::kCount];  // ray of each lane
+    int m_NumQueued = 0;
+    // Rays with a run, from m_NextRun on.
+    int m_NextRun = 0;
+    int m_NumRuns = 0;
+    int m_NumWaiting = 0;  // rays whose last run is over
+    std::int32_t m_RunSlots[RayTable::kCount], m_Runs[RayTable::kCount], m_Waiting[RayTable::kCount];
+    std::int32_t m_Slot[kCount];  // ray of each lane
+    alignas(32) RayTable m_Rays;
 };
 
 }  // namespace

@@ -52,7 +52,9 @@ struct Sse41Lanes {
     static void store(T* words, Int value) {
         _mm_storeu_si128(reinterpret_cast<__m128i*>(words), value);
     }
-    static Int first_lanes(int count) { return _mm_cmpgt_epi32(_mm_set1_epi32(count), _mm_setr_epi32(0, 1, 2, 3)); }
+    static Int lane_numbers() { return _mm_setr_epi32(0, 1, 2, 3); }
+    static Int first_lanes(int count) { return _mm_cmpgt_epi32(_mm_set1_epi32(count), lane_numbers()); }
+    static Int only_lane(int lane) { return _mm_cmpeq_epi32(_mm_set1_epi32(lane), lane_numbers()); }
 
     static Int add(Int a, Int b) { return _mm_add_epi32(a, b); }
     static Int sub(Int a, Int b) { return _mm_sub_epi32(a, b); }
@@ -80,6 +82,10 @@ struct Sse41Lanes {
     static Int madd(Int a, Int b) { return _mm_madd_epi16(a, b); }
     static Int mul_high_16(Int a, Int b) { return _mm_mulhi_epu16(a, b); }
     static Int add_saturated_16(Int a, Int b) { return _mm_adds_epu16(a, b); }
+    // The value in every 16 bits where `tested` is not 0 there.
+    static Int keep_where_not_zero_16(Int tested, Int value) {
+        return _mm_andnot_si128(_mm_cmpeq_epi16(tested, _mm_setzero_si128()), value);
+    }
     static Int saturating_product_16(Int a, Int b) {
         const Int fits = _mm_cmpeq_epi16(_mm_mulhi_epu16(a, b), _mm_setzero_si128());
         const Int overflow = _mm_xor_si128(fits, _mm_set1_epi32(-1));

@@ -48,6 +48,7 @@ public:
         make_tissues();
         make_tables();
         make_frame();
+        make_entries();
         make_rays();
         full_cache.assign(1024, 0xffffffffu);
         true_cache = find_true_cache();
@@ -91,6 +92,14 @@ public:
     }
 
     std::vector<std::uint32_t>& colours() { return m_Colours; }
+
+    // To be called after changes of colours or transparencies.
+    void make_entries() {
+        m_Entries.resize(m_Colours.size());
+        ip_volr::kernels::make_entries(m_Colours.data(), frame.step_transparency, static_cast<int>(m_Colours.size()),
+                                       m_Entries.data());
+        frame.entries = m_Entries.data();
+    }
 
     Options options;
     RayCastFrame frame{};
@@ -272,6 +281,7 @@ private:
     std::vector<std::vector<std::uint8_t>> m_Tissues;
     std::vector<const std::uint8_t*> m_TissueSlices;
     std::vector<std::uint32_t> m_Colours;
+    std::vector<std::uint64_t> m_Entries;
     std::vector<int> m_NumOpaque;
     std::vector<std::uint64_t> m_Weights;
 };

@@ -233,6 +233,7 @@ TEST(RayCast, RaysEndAtTheirEndAndAtTheThreshold) {
     // Weight 65535, red 250 of 256, ambient weight 19661 of 65536, halved.
     EXPECT_EQ(faded.rays[0].colour[2], 65535ll * (250 << 8) / 65536 * 19661 / 65536 / 2);
     scene.frame.step_transparency[255] = 65535;
+    scene.make_entries();
     const Outcome ended = cast(scene, scene.true_cache, InstructionSet::Avx2);
     EXPECT_EQ(ended.num_finished, 2);
     EXPECT_EQ(ended.rays[1].step_count, 3 * scene.frame.step);
