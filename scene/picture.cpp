@@ -39,10 +39,19 @@ public:
     Encoder& operator=(const Encoder&) = delete;
 
     // Encodes rows of bytes in PNG order.
-    std::string Encode(int width, int height, int bits, int colour_type, const std::vector<png_byte>& bytes) {
+    std::string Encode(int width, int height, int bits, int colour_type, const std::vector<png_byte>& bytes,
+                       PngEffort effort) {
         std::string file;
         png_set_write_fn(m_Png, &file, Append, Flush);
-        png_set_compression_level(m_Png, 4);
+        if (effort == PngEffort::kQuick) {
+            // One filter for all rows and runs of equal bytes only: background is most of what can be saved.
+            constexpr int kRunLengths = 3;
+            png_set_compression_level(m_Png, 1);
+            png_set_compression_strategy(m_Png, kRunLengths);
+            png_set_filter(m_Png, PNG_FILTER_TYPE_BASE, PNG_FILTER_SUB);
+        } else {
+            png_set_compression_level(m_Png, 4);
+        }
         png_set_IHDR(m_Png, m_Info, static_cast<png_uint_32>(width), static_cast<png_uint_32>(height), bits,
                      colour_type, PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
         png_write_info(m_Png, m_Info);
@@ -61,20 +70,22 @@ private:
 
 }  // namespace
 
-std::string EncodePng(const Picture& picture) {
+std::string EncodePng(const Picture& picture, PngEffort effort) {
     const bool opaque =
         std::all_of(picture.pixels.begin(), picture.pixels.end(), [](std::uint32_t p) { return p >> 24 == 255; });
-    std::vector<png_byte> bytes;
-    bytes.reserve(picture.pixels.size() * 4);
+    const bool grey = effort == PngEffort::kQuick && opaque &&
+                      std::all_of(picture.pixels.begin(), picture.pixels.end(),
+                                  [](std::uint32_t p) { return (p & 0xFFFFFFU) == (p & 255) * 0x010101U; });
+    const std::size_t channels = grey ? 1 : opaque ? 3 : 4;
+    std::vector<png_byte> bytes(picture.pixels.size() * channels);
+    png_byte* to = bytes.data();
     for (const std::uint32_t p : picture.pixels) {
-        bytes.insert(bytes.end(),
-                     {static_cast<png_byte>(p >> 16), static_cast<png_byte>(p >> 8), static_cast<png_byte>(p)});
-        if (!opaque) {
-            bytes.push_back(static_cast<png_byte>(p >> 24));
-        }
+        const png_byte all[4] = {static_cast<png_byte>(p >> 16), static_cast<png_byte>(p >> 8),
+                                 static_cast<png_byte>(p), static_cast<png_byte>(p >> 24)};
+        to = std::copy_n(all, channels, to);
     }
-    return Encoder().Encode(picture.width, picture.height, 8, opaque ? PNG_COLOR_TYPE_RGB : PNG_COLOR_TYPE_RGB_ALPHA,
-                            bytes);
+    const int colour_type = grey ? PNG_COLOR_TYPE_GRAY : opaque ? PNG_COLOR_TYPE_RGB : PNG_COLOR_TYPE_RGB_ALPHA;
+    return Encoder().Encode(picture.width, picture.height, 8, colour_type, bytes, effort);
 }
 
 std::string EncodePng(const GreyPicture& picture) {
@@ -83,7 +94,7 @@ std::string EncodePng(const GreyPicture& picture) {
     for (const std::uint16_t p : picture.pixels) {
         bytes.insert(bytes.end(), {static_cast<png_byte>(p >> 8), static_cast<png_byte>(p)});
     }
-    return Encoder().Encode(picture.width, picture.height, 16, PNG_COLOR_TYPE_GRAY, bytes);
+    return Encoder().Encode(picture.width, picture.height, 16, PNG_COLOR_TYPE_GRAY, bytes, PngEffort::kSmall);
 }
 
 void WritePng(const std::string& path, const Picture& picture) {

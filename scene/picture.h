@@ -32,8 +32,12 @@ struct GreyPicture {
     std::vector<std::uint16_t> pixels;
 };
 
-// A PNG file's bytes: 8-bit RGB, or RGBA when a pixel is not opaque. Throws Error when the encoder fails.
-std::string EncodePng(const Picture& picture);
+// What an encoder works for: a small file, or a quick one of the same pixels.
+enum class PngEffort { kSmall, kQuick };
+
+// A PNG file's bytes: 8-bit RGB, or RGBA when a pixel is not opaque; quick files of grey pixels have one channel.
+// Throws Error when the encoder fails.
+std::string EncodePng(const Picture& picture, PngEffort effort = PngEffort::kSmall);
 // The same with 16-bit grey pixels.
 std::string EncodePng(const GreyPicture& picture);
 

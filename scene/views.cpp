@@ -43,6 +43,21 @@ Vec3 TurnedDeg(const Vec3& v, const Vec3& axis, double degrees) {
     return turned;
 }
 
+// Of three perpendicular directions of length 1.
+Camera CameraOfAxes(const Vec3& right, const Vec3& down, const Vec3& into, const View& view, const Subject& subject) {
+    Camera camera;
+    camera.right = right;
+    camera.down = down;
+    camera.into = into;
+    camera.middle_mm = subject.middle_mm;
+    camera.width = view.width;
+    camera.height = view.height;
+    camera.pixels_per_mm = view.zoom * std::min(view.width, view.height) / subject.diameter_mm;
+    camera.centre_x = 0.5 * (view.width - 1) + view.pan_x * view.width;
+    camera.centre_y = 0.5 * (view.height - 1) + view.pan_y * view.height;
+    return camera;
+}
+
 }  // namespace
 
 std::optional<StandardView> ViewByName(std::string_view name) {
@@ -73,17 +88,19 @@ Camera MakeCamera(const View& view, const Subject& subject) {
     right = TurnedDeg(right, into, -view.roll_deg);
     down = Cross(into, right);
 
-    Camera camera;
-    camera.right = Normalised(right);
-    camera.down = Normalised(down);
-    camera.into = Normalised(into);
-    camera.middle_mm = subject.middle_mm;
-    camera.width = view.width;
-    camera.height = view.height;
-    camera.pixels_per_mm = view.zoom * std::min(view.width, view.height) / subject.diameter_mm;
-    camera.centre_x = 0.5 * (view.width - 1) + view.pan_x * view.width;
-    camera.centre_y = 0.5 * (view.height - 1) + view.pan_y * view.height;
-    return camera;
+    return CameraOfAxes(Normalised(right), Normalised(down), Normalised(into), view, subject);
+}
+
+std::optional<Camera> MakeCamera(const Vec3& right, const Vec3& down, const View& view, const Subject& subject) {
+    constexpr double kShortest = 1e-3;
+    const Vec3 along = Normalised(right);
+    const Vec3 across = down - along * Dot(down, along);
+    const bool usable = Length(right) >= kShortest && Length(across) >= kShortest;
+    if (!usable) {
+        return std::nullopt;
+    }
+    const Vec3 upright = Normalised(across);
+    return CameraOfAxes(along, upright, Cross(along, upright), view, subject);
 }
 
 PictureGeometry GeometryOf(const Camera& camera) {

@@ -59,6 +59,11 @@ struct Camera {
 // The camera of a view of a subject. Zoom must be positive.
 Camera MakeCamera(const View& view, const Subject& subject);
 
+// The camera that sees the patient directions `right` and `down` so; zoom, pan and size are the view's, its face and
+// angles do not count. The directions are made perpendicular and of length 1, `right` keeps where it points. Empty when
+// they are too short or too parallel to say where the viewer stands.
+std::optional<Camera> MakeCamera(const Vec3& right, const Vec3& down, const View& view, const Subject& subject);
+
 // What each pixel shows: origin_mm + x * right_mm + y * down_mm lies on the plane through the volume's middle.
 struct PictureGeometry {
     int width = 0;

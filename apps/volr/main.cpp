@@ -76,6 +76,9 @@ int main(int argc, char** argv) {
     volr::AddRotateVerb(app, run);
     volr::AddVesselVerb(app, run);
     volr::AddPickVerb(app, run);
+#ifdef IP_VOLR_WITH_SERVER
+    volr::AddServeVerb(app, run);
+#endif
 
     AddSelfDescription(app, run);
 

@@ -105,7 +105,7 @@ void InputOptions::AddTo(CLI::App& verb) {
         ->group("Import");
 }
 
-void RunOptions::AddTo(CLI::App& verb, bool draws_frames) {
+void RunOptions::AddEngineOptionsTo(CLI::App& verb) {
     const auto group = "Running";
     verb.add_option("--threads", threads, "worker threads (default: one for each processor)")
         ->check(CLI::Range(1, 256))
@@ -116,6 +116,12 @@ void RunOptions::AddTo(CLI::App& verb, bool draws_frames) {
     verb.add_option("--log", log_level, "writes the engine's log to standard error")
         ->check(CLI::IsMember({"error", "warning", "information", "trace"}))
         ->group(group);
+    verb.add_flag("--quiet", quiet, "no progress, no warnings, no report")->group(group);
+}
+
+void RunOptions::AddTo(CLI::App& verb, bool draws_frames) {
+    const auto group = "Running";
+    AddEngineOptionsTo(verb);
     verb.add_option("--stats", stats_path, "writes times, memory and what each pixel shows to a JSON file")
         ->group(group);
     if (draws_frames) {
@@ -123,7 +129,6 @@ void RunOptions::AddTo(CLI::App& verb, bool draws_frames) {
             ->check(CLI::Range(1, 100000))
             ->group(group);
     }
-    verb.add_flag("--quiet", quiet, "no progress, no warnings, no report")->group(group);
 }
 
 void ViewOptions::AddTo(CLI::App& verb) {

@@ -44,6 +44,8 @@ struct RunOptions {
     bool quiet = false;
 
     void AddTo(CLI::App& verb, bool draws_frames);
+    // Without statistics and repetition, for verbs that run until they are stopped.
+    void AddEngineOptionsTo(CLI::App& verb);
 };
 
 // Where the viewer stands.

@@ -17,5 +17,8 @@ void AddMipVerb(CLI::App& app, Work& run);
 void AddRotateVerb(CLI::App& app, Work& run);
 void AddVesselVerb(CLI::App& app, Work& run);
 void AddPickVerb(CLI::App& app, Work& run);
+#ifdef IP_VOLR_WITH_SERVER
+void AddServeVerb(CLI::App& app, Work& run);
+#endif
 
 }  // namespace volr

@@ -1,0 +1,326 @@
+#include "apps/serve/client_session.h"
+
+#include "apps/serve/point_lists.h"
+#include "apps/serve/server_messages.h"
+#include "host/tasks.h"
+#include "scene/annotation.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace serve {
+
+namespace {
+
+constexpr int kMostErrors = 100;
+constexpr std::size_t kMostRequests = 4;   // of one page at a time
+constexpr std::size_t kMostBacklog = 512;  // messages to a page that does not read
+constexpr std::size_t kMostStates = 64;
+constexpr std::size_t kGreatPicture = 2U << 20;  // pixels
+
+const char* NameOf(PaneMode mode) {
+    return mode == PaneMode::kRender ? "rendering" : mode == PaneMode::kSlab ? "slab" : "mip";
+}
+
+}  // namespace
+
+// Hands over what the drawing thread made, without waiting.
+class ClientSession::Port : public ClientPort {
+public:
+    Port(Executor executor, std::weak_ptr<ClientSession> session)
+        : m_Executor(std::move(executor)), m_Session(std::move(session)) {}
+
+    void Drawn(DrawnFrame&& frame) override {
+        m_Executor([session = m_Session, shared = std::make_shared<DrawnFrame>(std::move(frame))] {
+            if (const auto still = session.lock(); still && !still->m_Ended) {
+                still->Drawn(std::move(*shared));
+            }
+        });
+    }
+    void Failed(const std::string& why) override {
+        m_Executor([session = m_Session, why] {
+            if (const auto still = session.lock(); still && !still->m_Ended) {
+                still->m_Outbox->SendText(ErrorMessage(why));
+            }
+        });
+    }
+
+private:
+    Executor m_Executor;
+    std::weak_ptr<ClientSession> m_Session;
+};
+
+template <class Function>
+auto ClientSession::Later(Function function) {
+    return [post = m_Viewer.Post(), session = weak_from_this(), function = std::move(function)](auto&&... arguments) {
+        post([session, function, ... copies = std::forward<decltype(arguments)>(arguments)] {
+            if (const auto still = session.lock(); still && !still->m_Ended) {
+                function(*still, copies...);
+            }
+        });
+    };
+}
+
+ClientSession::ClientSession(Viewer& viewer, std::shared_ptr<Outbox> outbox)
+    : m_Viewer(viewer), m_Outbox(std::move(outbox)), m_RateSince(std::chrono::steady_clock::now()) {}
+
+void ClientSession::Start() {
+    m_Drawing = m_Viewer.Drawing().Join(std::make_shared<Port>(m_Viewer.Post(), weak_from_this()));
+    m_Outbox->SendText(HelloMessage({m_Viewer.Token(), m_Viewer.Options().most_clients, m_Viewer.OnlySeries()}));
+}
+
+void ClientSession::End() {
+    m_Ended = true;
+    m_Viewer.Drawing().Leave(m_Drawing);
+    m_Opened.reset();
+}
+
+void ClientSession::OnText(std::string_view text) {
+    if (m_Ended) {
+        return;
+    }
+    if (m_Outbox->Backlog() > kMostBacklog) {
+        m_Outbox->Close();
+        return;
+    }
+    try {
+        const Message message = ParseMessage(text);
+        std::visit([this](const auto& one) { Take(one); }, message);
+    } catch (const ProtocolError& error) {
+        Complain(error.what(), error.Request());
+    }
+}
+
+void ClientSession::Complain(const std::string& text, std::optional<std::int64_t> request) {
+    const bool enough = ++m_Errors >= kMostErrors;
+    m_Outbox->SendText(ErrorMessage(text, request));
+    if (enough) {
+        m_Outbox->SendText(ErrorMessage("too many wrong messages: the connection is closed", {}, true));
+        m_Outbox->Close();
+    }
+}
+
+void ClientSession::Take(const OpenMessage& message) {
+    const std::optional<SeriesPlace> place = m_Viewer.Catalogue().Find(message.series);
+    if (!place) {
+        throw ProtocolError("series: there is none of that name (/api/series lists them)");
+    }
+    m_Series = message.series;
+    m_Opened.reset();
+    m_States.clear();
+    m_Panes = {};
+    m_Viewer.Drawing().SetSeries(m_Drawing, nullptr);
+    // The listener is called for the series that was asked for last only.
+    const auto if_wanted = [id = message.series](auto then) {
+        return [id, then](ClientSession& self, const auto&... arguments) {
+            if (self.m_Series == id && self.m_Opened == nullptr) {
+                then(self, arguments...);
+            }
+        };
+    };
+    m_Viewer.Store().Open(message.series, *place,
+                          {Later(if_wanted([](ClientSession& self, double fraction) {
+                               self.m_Outbox->SendText(OpeningMessage(self.m_Series, std::min(fraction, 0.99), 0, 0));
+                           })),
+                           Later(if_wanted([](ClientSession& self, const std::shared_ptr<OpenedSeries>& series) {
+                               self.Opened(self.m_Series, series);
+                           })),
+                           Later(if_wanted([](ClientSession& self, const std::string& why) {
+                               self.m_Series.clear();
+                               self.m_Outbox->SendText(ErrorMessage(why));
+                           }))});
+}
+
+void ClientSession::Opened(const std::string& id, const std::shared_ptr<OpenedSeries>& series) {
+    m_Opened = series;
+    m_Viewer.Drawing().SetSeries(m_Drawing, series);
+    const int slices = series->Source().Info().dims[2];
+    m_Outbox->SendText(OpeningMessage(id, 1.0, slices, slices));
+    m_Outbox->SendText(VolumeMessage(*series));
+}
+
+void ClientSession::Take(const SceneState& message) {
+    if (m_Opened == nullptr) {
+        throw ProtocolError("scene: no series is open (send open first)");
+    }
+    if (!m_States.empty() && message.id <= m_States.back()->id) {
+        throw ProtocolError("id: it does not grow");
+    }
+    const auto state = std::make_shared<SceneState>(message);
+    state->budget_ms = state->budget_ms.value_or(m_Viewer.Options().budget_ms);
+    m_States.push_back(state);
+    if (m_States.size() > kMostStates) {
+        m_States.pop_front();
+    }
+    // What waits to be sent may be stale now.
+    for (std::size_t pane = 0; pane < m_Panes.size(); ++pane) {
+        if (m_Panes[pane].next && IsStale(*m_Panes[pane].next)) {
+            m_Panes[pane].next.reset();
+            m_Viewer.Drawing().SetWaiting(m_Drawing, static_cast<int>(pane), false);
+        }
+    }
+    m_Viewer.Drawing().SetScene(m_Drawing, *state);
+}
+
+bool ClientSession::IsStale(const DrawnFrame& frame) const {
+    if (m_States.empty() || static_cast<std::size_t>(frame.pane) >= m_States.back()->panes.size()) {
+        return true;
+    }
+    const SceneState& newest = *m_States.back();
+    if (frame.scene == newest.id) {
+        return false;
+    }
+    // While the hand moves, the picture of a moment ago is as new as pictures get.
+    const bool in_motion = frame.moving && newest.moving;
+    return !in_motion || !(newest.panes[static_cast<std::size_t>(frame.pane)] == frame.shape) ||
+           StateOf(frame.scene) == nullptr;
+}
+
+ClientSession::State ClientSession::StateOf(std::int64_t id) const {
+    const auto found = std::find_if(m_States.begin(), m_States.end(), [id](const State& s) { return s->id == id; });
+    return found != m_States.end() ? *found : nullptr;
+}
+
+void ClientSession::Drawn(DrawnFrame&& frame) {
+    if (IsStale(frame)) {
+        return;
+    }
+    PaneState& pane = m_Panes[static_cast<std::size_t>(frame.pane)];
+    if (pane.unshown) {
+        m_Viewer.Drawing().SetWaiting(m_Drawing, frame.pane, true);
+        pane.next = std::move(frame);
+    } else {
+        Send(std::move(frame));
+    }
+}
+
+void ClientSession::Send(DrawnFrame&& frame) {
+    PaneState& pane = m_Panes[static_cast<std::size_t>(frame.pane)];
+    pane.unshown = frame.scene;
+    pane.sent = StateOf(frame.scene);
+    m_Outbox->SendPicture(PictureMessage(frame));
+    NoteRate(frame);
+}
+
+void ClientSession::Take(const ShownMessage& message) {
+    PaneState& pane = m_Panes[static_cast<std::size_t>(message.pane)];
+    if (pane.unshown != message.id) {
+        return;  // of a scene before the series was opened anew
+    }
+    pane.unshown.reset();
+    if (pane.next) {
+        DrawnFrame frame = std::move(*pane.next);
+        pane.next.reset();
+        m_Viewer.Drawing().SetWaiting(m_Drawing, message.pane, false);
+        Send(std::move(frame));
+    }
+}
+
+void ClientSession::NoteRate(const DrawnFrame& frame) {
+    ++m_FramesSince;
+    m_DrawMsSince += frame.draw_ms;
+    const auto now = std::chrono::steady_clock::now();
+    const double seconds = std::chrono::duration<double>(now - m_RateSince).count();
+    if (seconds >= 1.0) {
+        m_Outbox->SendText(RateMessage(m_FramesSince / seconds, m_DrawMsSince / m_FramesSince, m_Viewer.NumClients()));
+        m_RateSince = now;
+        m_FramesSince = 0;
+        m_DrawMsSince = 0.0;
+    }
+}
+
+void ClientSession::Take(const PickMessage& message) {
+    const State state = m_Panes[static_cast<std::size_t>(message.pane)].sent;
+    if (state == nullptr || static_cast<std::size_t>(message.pane) >= state->panes.size()) {
+        throw ProtocolError("pick: the pane shows no picture yet", message.request);
+    }
+    const auto answer = Later([](ClientSession& self, const std::string& text) { self.m_Outbox->SendText(text); });
+    m_Viewer.Drawing().Ask(m_Drawing, true, [message, state, answer](ClientScene& scene, const SceneState&) {
+        try {
+            const Pane& pane = state->panes[static_cast<std::size_t>(message.pane)];
+            answer(PickedMessage(message, scene.Pick(*state, pane, message.x, message.y, message.vessel)));
+        } catch (const TCO_CANCEL_EXCEPTION&) {
+            throw;
+        } catch (const std::exception& error) {
+            answer(ErrorMessage(error.what(), message.request));
+        }
+    });
+}
+
+void ClientSession::Take(const ExportMessage& message) {
+    if (m_Opened == nullptr) {
+        throw ProtocolError("export: no series is open (send open first)", message.request);
+    }
+    if (m_Requests.size() >= kMostRequests || m_Requests.count(message.request) != 0) {
+        throw ProtocolError("export: too many at once (wait for the others)", message.request);
+    }
+    switch (message.kind) {
+        case ExportMessage::Kind::kPng:
+            ExportPicture(message);
+            break;
+        case ExportMessage::Kind::kMovie:
+            throw ProtocolError("movie: this server cannot make films", message.request);
+        case ExportMessage::Kind::kMarkups:
+        case ExportMessage::Kind::kCsv:
+            ExportPoints(message);
+            break;
+    }
+}
+
+void ClientSession::ExportPicture(const ExportMessage& message) {
+    const State state = m_States.empty() ? nullptr : m_States.back();
+    if (state == nullptr || static_cast<std::size_t>(message.pane) >= state->panes.size()) {
+        throw ProtocolError("export: there is no such pane", message.request);
+    }
+    m_Requests.insert(message.request);
+    const auto done = Later([request = message.request](ClientSession& self, const std::shared_ptr<ShelvedFile>& file) {
+        self.CompleteRequest(request, std::move(*file));
+    });
+    const auto failed = Later([request = message.request](ClientSession& self, const std::string& why) {
+        self.m_Requests.erase(request);
+        self.m_Outbox->SendText(ErrorMessage(why, request));
+    });
+    m_Outbox->SendText(ProgressMessage(message.request, 0.0));
+    m_Viewer.Drawing().Ask(m_Drawing, false, [message, state, done, failed](ClientScene& scene, const SceneState&) {
+        try {
+            const Pane pane = {state->panes[static_cast<std::size_t>(message.pane)].mode, message.width,
+                               message.height};
+            scene::Picture picture = scene.Draw(*state, pane, FinalEffort()).picture;
+            if (message.annotate) {
+                scene::Annotate(picture, scene.CameraOf(*state, pane));
+            }
+            // Small files of great pictures would keep everybody waiting.
+            const bool great = picture.pixels.size() > kGreatPicture;
+            done(std::make_shared<ShelvedFile>(
+                ShelvedFile{std::string(NameOf(pane.mode)) + ".png", "image/png",
+                            scene::EncodePng(picture, great ? scene::PngEffort::kQuick : scene::PngEffort::kSmall)}));
+        } catch (const TCO_CANCEL_EXCEPTION&) {
+            throw;
+        } catch (const std::exception& error) {
+            failed(std::string(error.what()));
+        }
+    });
+}
+
+void ClientSession::ExportPoints(const ExportMessage& message) {
+    const bool csv = message.kind == ExportMessage::Kind::kCsv;
+    m_Requests.insert(message.request);
+    CompleteRequest(message.request,
+                    csv ? ShelvedFile{"points.csv", "text/csv", PointsCsv(message.points)}
+                        : ShelvedFile{"points.mrk.json", "application/json", PointsMarkups(message.points)});
+}
+
+void ClientSession::CompleteRequest(std::int64_t request, ShelvedFile&& file) {
+    if (m_Requests.erase(request) == 0) {
+        return;  // cancelled
+    }
+    const std::string name = file.name;
+    const std::size_t bytes = file.bytes.size();
+    m_Outbox->SendText(FileMessage(request, m_Viewer.Files().Put(std::move(file)), name, bytes));
+}
+
+void ClientSession::Take(const CancelMessage& message) {
+    m_Requests.erase(message.request);
+}
+
+}  // namespace serve
