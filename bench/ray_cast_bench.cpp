@@ -113,10 +113,11 @@ void trilinear_limit(benchmark::State& state, bool with_gradients) {
 void gather(benchmark::State& state, InstructionSet set) {
     const ScopedInstructionSet limit(set);
     const Scene scene(options_of(kCases[0], 0.3));
-    GatherRows wanted{};
-    std::fill_n(wanted.rows, kGatherEdge, kAllPairRows);
+    GatherBlocks wanted{};
+    wanted.planes = (std::uint64_t{1} << kGatherEdge) - 1;
+    std::fill_n(&wanted.rows[0][0], kGatherEdge * kGatherBlocks, kAllPairRows);
     std::vector<std::uint32_t> pairs(kNumPairs);
-    const GatherSource source = {{70, 67, 66}, {32, 32, 32}, scene.slices.data(), 0, 0x8000};
+    const GatherSource source = {{70, 67, 66}, {32, 32, 32}, scene.slices.data(), 0, 0x8000, true};
     for (auto _ : state) {
         gather_brick(source, wanted, pairs.data());
         benchmark::ClobberMemory();

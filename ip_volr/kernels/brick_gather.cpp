@@ -28,12 +28,15 @@ void copy_clamped_row(const std::uint16_t* slice_row, int origin_x, int dim_x, R
     std::fill(begin + last, out.end(), slice_row[dim_x - 1]);
 }
 
-// Points at the 35 voxels of each row of one slice, through `copies` where the brick reaches over the volume's sides.
-void point_at_rows(const GatherSource& source, const std::uint16_t* slice, std::array<Row, kEdge>& copies,
-                   std::array<const std::uint16_t*, kEdge>& rows) {
+// Points at the 35 voxels of the wanted rows of one slice, through `copies` where the brick reaches over the volume's
+// sides.
+void point_at_rows(const GatherSource& source, const std::uint16_t* slice, std::uint64_t wanted,
+                   std::array<Row, kEdge>& copies, std::array<const std::uint16_t*, kEdge>& rows) {
     const int first_x = source.origin[0] + kGatherMin;
     const bool is_inside = first_x >= 0 && first_x + kGatherEdge <= source.dims[0];
-    for (int r = 0; r < kGatherEdge; r++) {
+    // The lower voxels of a row of pairs are the next row's.
+    for (std::uint64_t left = wanted | wanted << 1; left != 0; left &= left - 1) {
+        const int r = __builtin_ctzll(left);
         const auto index = static_cast<std::size_t>(r);
         const int y = clamp_voxel(source.origin[1], r + kGatherMin, source.dims[1]);
         const std::uint16_t* const slice_row = slice + std::ptrdiff_t{y} * source.dims[0];
@@ -69,22 +72,25 @@ const GatherKernels& gather_kernels() {
     return family.in_force();
 }
 
-void gather_brick(const GatherSource& source, const GatherRows& wanted, std::uint32_t* pairs) {
+void gather_brick(const GatherSource& source, const GatherBlocks& wanted, std::uint32_t* pairs) {
     const GatherKernels& kernels = gather_kernels();
     std::array<Row, kEdge> copies;
     std::array<const std::uint16_t*, kEdge> rows;
-    for (int p = 0; p < kGatherEdge; p++) {
-        if (wanted.rows[p] == 0) {
+    for (std::uint64_t left = wanted.planes; left != 0; left &= left - 1) {
+        const int p = __builtin_ctzll(left);
+        const std::uint64_t(&blocks)[kGatherBlocks] = wanted.rows[p];
+        const std::uint64_t any = blocks[0] | blocks[1] | blocks[2] | blocks[3] | blocks[4];
+        if (any == 0) {
             continue;
         }
         const std::uint16_t* const slice = source.slices[clamp_voxel(source.origin[2], p + kGatherMin, source.dims[2])];
         if (slice != nullptr) {
-            point_at_rows(source, slice, copies, rows);
+            point_at_rows(source, slice, any, copies, rows);
         } else {
             copies[0].fill(source.missing_value);
             rows.fill(copies[0].data());
         }
-        kernels.interleave_plane(rows.data(), wanted.rows[p], source.flip, pairs + p * kPairPlane);
+        kernels.interleave_plane(rows.data(), blocks, source.has_margin, source.flip, pairs + p * kPairPlane);
     }
 }
 

@@ -23,6 +23,16 @@ constexpr int kNumPairs = kPairPlane * kGatherEdge;
 // Word of voxel (0, 0, 0) of the brick.
 constexpr int kPairOrigin = kPairPlane + kPairRow + 1;
 
+// A row is gathered in blocks of eight elements, which end where its last voxels are and overlap there. Without the
+// margin that only gradients read, they begin one voxel later: a brick's voxels 0 to 31 lie in one cache line.
+constexpr int kGatherBlock = 8;
+constexpr int kGatherBlocks = 5;
+constexpr int gather_block_start(int block, bool has_margin) {
+    const int last = kGatherEdge - kGatherBlock;
+    const int start = kGatherBlock * block + (has_margin ? 0 : 1);
+    return start < last ? start : last;
+}
+
 constexpr int kTissueEdge = 32;
 constexpr int kNumTissueBytes = kTissueEdge * kTissueEdge * kTissueEdge;
 
@@ -33,16 +43,22 @@ struct GatherSource {
     const std::uint16_t* const* slices;
     std::uint16_t missing_value;  // what a null slice holds
     std::uint16_t flip;           // 0x8000 for unsigned voxels, else 0
+    bool has_margin;              // where blocks begin
 };
 
-// Which rows are wanted, plane by plane: bit r of rows[p] is row r of plane p of the block (voxel r - 1, slice p - 1).
+// Which rows are wanted, plane by plane: bit r of rows[p] is row r of plane p (voxel r - 1, slice p - 1).
 struct GatherRows {
     std::uint64_t rows[kGatherEdge];
 };
+// The same for each block of the rows. Planes without a bit in `planes` have none; their rows mean nothing.
+struct GatherBlocks {
+    std::uint64_t planes;
+    std::uint64_t rows[kGatherEdge][kGatherBlocks];
+};
 constexpr std::uint64_t kAllPairRows = (std::uint64_t{1} << kPairRows) - 1;
 
-// Writes the wanted rows of the block; the others keep what they held.
-void gather_brick(const GatherSource& source, const GatherRows& wanted, std::uint32_t* pairs);
+// Writes the wanted blocks of elements; the others keep what they held.
+void gather_brick(const GatherSource& source, const GatherBlocks& wanted, std::uint32_t* pairs);
 
 // Copies the tissue indices of the brick's 32^3 voxels, a byte each, x fastest, clamped to the volume. Slices hold 4
 // bits a voxel: voxel y * dims[0] + x in byte (y * dims[0] + x) / 2, in the low nibble when even. A null slice reads as
@@ -52,10 +68,10 @@ void gather_tissues(const int dims[3], const int origin[3], const std::uint8_t* 
 
 // The instruction-set dependent part.
 struct GatherKernels {
-    // rows[0..34] point to 35 voxels each (exactly these are read). Writes row r of the plane at out + r * kPairRow for
-    // every bit r of `wanted`: rows r and r + 1 interleaved, each voxel exclusive-or `flip`.
-    void (*interleave_plane)(const std::uint16_t* const* rows, std::uint64_t wanted, std::uint16_t flip,
-                             std::uint32_t* out);
+    // Writes eight elements: the voxels of two rows interleaved, each exclusive-or `flip`. For each block b, every bit
+    // r of wanted[b]: rows r and r + 1 (of 35 voxels each, of which exactly the block is read) at out + r * kPairRow.
+    void (*interleave_plane)(const std::uint16_t* const* rows, const std::uint64_t (&wanted)[kGatherBlocks],
+                             bool has_margin, std::uint16_t flip, std::uint32_t* out);
     // 32 tissue indices from 16 bytes, the low nibble of each first.
     void (*unpack_row)(const std::uint8_t* bytes, std::uint8_t* out);
 };

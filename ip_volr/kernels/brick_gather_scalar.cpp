@@ -4,15 +4,16 @@ namespace ip_volr::kernels {
 
 namespace {
 
-void interleave_plane(const std::uint16_t* const* rows, std::uint64_t wanted, std::uint16_t flip, std::uint32_t* out) {
+void interleave_plane(const std::uint16_t* const* rows, const std::uint64_t (&wanted)[kGatherBlocks], bool has_margin,
+                      std::uint16_t flip, std::uint32_t* out) {
     for (int r = 0; r < kPairRows; r++, out += kPairRow) {
-        if ((wanted >> r & 1) == 0) {
-            continue;
-        }
-        for (int x = 0; x < kGatherEdge; x++) {
-            const std::uint32_t low = rows[r][x] ^ flip;
-            const std::uint32_t high = rows[r + 1][x] ^ flip;
-            out[x] = low | high << 16;
+        for (int block = 0; block < kGatherBlocks; block++) {
+            const int start = gather_block_start(block, has_margin);
+            for (int x = start; x < start + kGatherBlock && (wanted[block] >> r & 1) != 0; x++) {
+                const std::uint32_t low = rows[r][x] ^ flip;
+                const std::uint32_t high = rows[r + 1][x] ^ flip;
+                out[x] = low | high << 16;
+            }
         }
     }
 }

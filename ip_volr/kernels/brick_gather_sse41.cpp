@@ -14,17 +14,26 @@ inline void interleave8(const std::uint16_t* low_row, const std::uint16_t* high_
     _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 4), _mm_unpackhi_epi16(low, high));
 }
 
-void interleave_plane(const std::uint16_t* const* rows, std::uint64_t wanted, std::uint16_t flip, std::uint32_t* out) {
+void interleave_plane(const std::uint16_t* const* rows, const std::uint64_t (&wanted)[kGatherBlocks], bool has_margin,
+                      std::uint16_t flip, std::uint32_t* out) {
     const __m128i flips = _mm_set1_epi16(static_cast<short>(flip));
-    for (int r = 0; r < kPairRows; r++, out += kPairRow) {
-        if ((wanted >> r & 1) == 0) {
-            continue;
+    const int first = gather_block_start(0, has_margin);
+    constexpr int kLast = gather_block_start(kGatherBlocks - 1, true);
+    const std::uint64_t whole_rows = wanted[0] & wanted[1] & wanted[2] & wanted[3] & wanted[4];
+    for (std::uint64_t left = wanted[0] | wanted[1] | wanted[2] | wanted[3] | wanted[4]; left != 0; left &= left - 1) {
+        const int r = __builtin_ctzll(left);
+        const std::uint16_t* const low = rows[r];
+        const std::uint16_t* const high = rows[r + 1];
+        std::uint32_t* const row = out + r * kPairRow;
+        const bool is_whole = (whole_rows >> r & 1) != 0;
+        for (int block = 0, x = first; block < kGatherBlocks - 1; block++, x += kGatherBlock) {
+            if (is_whole || (wanted[block] >> r & 1) != 0) {
+                interleave8(low + x, high + x, flips, row + x);
+            }
         }
-        for (int x = 0; x < 32; x += 8) {
-            interleave8(rows[r] + x, rows[r + 1] + x, flips, out + x);
+        if (is_whole || (wanted[kGatherBlocks - 1] >> r & 1) != 0) {
+            interleave8(low + kLast, high + kLast, flips, row + kLast);
         }
-        // The last three voxels, with five that are written again.
-        interleave8(rows[r] + 27, rows[r + 1] + 27, flips, out + 27);
     }
 }
 

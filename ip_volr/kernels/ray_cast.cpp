@@ -135,108 +135,73 @@ private:
     std::uintptr_t m_ToNextRow = 0;
 };
 
-// Leaves that an axis' range of positions lies in, as bits.
-std::uint64_t leaf_range(std::int64_t lowest, std::int64_t highest) {
-    const std::int64_t last = kLeavesPerEdge - 1;
-    const std::int64_t from = std::clamp<std::int64_t>(lowest >> kLeafPositionBits, 0, last);
-    const std::int64_t to = std::clamp<std::int64_t>(highest >> kLeafPositionBits, 0, last);
-    return (std::uint64_t{2} << to) - (std::uint64_t{1} << from);
+// For each set of a row's eight leaves, the blocks that hold the voxels around them: one for even leaves and for the
+// last, which the last block holds wholly, two for the others.
+constexpr std::array<std::uint8_t, 256> make_leaf_blocks() {
+    std::array<std::uint8_t, 256> table{};
+    for (unsigned leaves = 0; leaves < 256; leaves++) {
+        unsigned blocks = (leaves & 0x80) != 0 ? 0x10 : 0;
+        for (unsigned leaf = 0; leaf < 7; leaf++) {
+            blocks |= (leaves >> leaf & 1) * (leaf % 2 == 0 ? 1 : 3) << leaf / 2;
+        }
+        table[leaves] = static_cast<std::uint8_t>(blocks);
+    }
+    return table;
 }
 
-// Keeps the leaves inside a box around the rays' ways through the brick: a short list is a strip of a brick's rays, or
-// cuts only a corner. A long one is taken to reach everything. All rays take the direction of the frame.
-LeafMask find_reached_leaves(const RayCastFrame& frame, const RayCastBrick& brick, _listRay* rays,
-                             const LeafMask& visible) {
-    // Where the rays start.
-    std::int64_t lowest[3], highest[3];
-    std::fill_n(lowest, 3, std::int64_t{1} << kBrickPositionBits);
-    std::fill_n(highest, 3, 0);
-    int num_rays = 0;
-    for (ListWalk walk(rays); walk.ray() != nullptr; walk.advance()) {
-        if (++num_rays > kMaxBatch) {
-            return visible;
-        }
-        for (int axis = 0; axis < 3; axis++) {
-            const std::int64_t local =
-                std::int64_t{walk.ray()->position[axis]} - (std::int64_t{brick.origin[axis]} << 16);
-            lowest[axis] = std::min(lowest[axis], local);
-            highest[axis] = std::max(highest[axis], local);
-        }
-    }
+constexpr std::array<std::uint8_t, 256> kLeafBlocks = make_leaf_blocks();
 
-    // How many steps they stay at most, and how far these go.
-    std::int64_t num_steps = std::int64_t{1} << kBrickPositionBits;
-    for (int axis = 0; axis < 3; axis++) {
-        const std::int64_t increment = frame.increment[axis];
-        if (increment != 0) {
-            const std::int64_t way = increment > 0 ? (1 << kBrickPositionBits) - lowest[axis] : highest[axis];
-            num_steps = std::min(num_steps, way / std::abs(increment) + 1);
+// Moves the blocks of voxels that samples in these leaves read from what is missing to what is there, and returns them.
+// With the margin there are those that only gradients read, one voxel further.
+GatherBlocks take_missing_blocks(const LeafMask& leaves, bool has_margin, GatherBlocks& gathered) {
+    // Rows of pairs 4y - 1 to 4y + 4 and slices 4z - 1 to 4z + 5, counted from -1; without the margin two rows and two
+    // slices less.
+    const std::uint64_t leaf_rows = has_margin ? 0x3f : 0x1e;
+    const std::size_t margin = has_margin ? 0 : 1;
+    GatherBlocks missing;
+    missing.planes = 0;
+    for (std::size_t leaf_z = 0; leaf_z < kLeaves; leaf_z++) {
+        std::uint64_t rows[kGatherBlocks] = {};
+        std::uint64_t left = leaves[leaf_z];
+        for (int leaf_y = 0; left != 0; leaf_y++, left >>= 8) {
+            const unsigned blocks = kLeafBlocks[left & 0xff];
+            for (std::size_t block = 0; block < kGatherBlocks; block++) {
+                rows[block] |= (blocks >> block & 1) * leaf_rows << (4 * leaf_y);
+            }
+        }
+        for (std::size_t plane = 4 * leaf_z + margin; leaves[leaf_z] != 0 && plane < 4 * leaf_z + 7 - margin; plane++) {
+            const bool is_new = (missing.planes >> plane & 1) == 0;
+            missing.planes |= std::uint64_t{1} << plane;
+            for (std::size_t block = 0; block < kGatherBlocks; block++) {
+                const std::uint64_t added = rows[block] & ~gathered.rows[plane][block];
+                gathered.rows[plane][block] |= added;
+                missing.rows[plane][block] = added | (is_new ? 0 : missing.rows[plane][block]);
+            }
         }
     }
-    std::uint64_t ranges[3];
-    for (int axis = 0; axis < 3; axis++) {
-        const std::int64_t way = num_steps * frame.increment[axis];
-        ranges[axis] =
-            leaf_range(lowest[axis] + std::min<std::int64_t>(way, 0), highest[axis] + std::max<std::int64_t>(way, 0));
-    }
-
-    // The box.
-    std::uint64_t plane = 0;
-    for (std::size_t y = 0; y < kLeaves; y++) {
-        plane |= (ranges[1] >> y & 1) * ranges[0] << (8 * y);
-    }
-    LeafMask reached;
-    for (std::size_t z = 0; z < kLeaves; z++) {
-        reached[z] = (ranges[2] >> z & 1) != 0 ? visible[z] & plane : 0;
-    }
-    return reached;
+    return missing;
 }
 
-// Rows of voxels that samples in these leaves and their gradients read: one before the leaf, one after.
-GatherRows find_wanted_rows(const LeafMask& reached) {
+// Rows of tissues that samples in these leaves read: rows of voxels 4y to 4y + 4, slices 4z to 4z + 4, counted from -1.
+GatherRows find_tissue_rows(const LeafMask& leaves) {
     GatherRows wanted{};
     for (std::size_t leaf_z = 0; leaf_z < kLeaves; leaf_z++) {
         std::uint64_t rows = 0;
         for (std::size_t leaf_y = 0; leaf_y < kLeaves; leaf_y++) {
-            if ((reached[leaf_z] >> (8 * leaf_y) & 0xff) != 0) {
-                // Rows of pairs 4y - 1 to 4y + 4, counted from -1.
-                rows |= std::uint64_t{0x3f} << (4 * leaf_y);
-            }
+            rows |= (leaves[leaf_z] >> (8 * leaf_y) & 0xff) != 0 ? std::uint64_t{0x3e} << (4 * leaf_y) : 0;
         }
-        // Slices 4z - 1 to 4z + 5, counted from -1.
-        for (std::size_t plane = 4 * leaf_z; plane < 4 * leaf_z + 7; plane++) {
+        for (std::size_t plane = 4 * leaf_z + 1; plane < 4 * leaf_z + 6; plane++) {
             wanted.rows[plane] |= rows;
         }
     }
     return wanted;
 }
 
-// Adds what of the wanted rows is not in the work block yet.
-void gather_rows(const RayCastFrame& frame, const RayCastBrick& brick, GatherRows wanted, RayCastWorkspace& work) {
-    std::uint64_t missing = 0;
-    for (std::size_t plane = 0; plane < kGatherEdge; plane++) {
-        wanted.rows[plane] &= ~work.gathered.rows[plane];
-        work.gathered.rows[plane] |= wanted.rows[plane];
-        missing |= wanted.rows[plane];
-    }
-    if (missing == 0) {
-        return;
-    }
-    const GatherSource source = {{frame.dims[0], frame.dims[1], frame.dims[2]},
-                                 {brick.origin[0], brick.origin[1], brick.origin[2]},
-                                 frame.slices,
-                                 frame.missing_value,
-                                 static_cast<std::uint16_t>(frame.is_signed ? 0 : 0x8000)};
-    gather_brick(source, wanted, work.pairs);
-    if (brick.only_tissue < 0) {
-        gather_tissues(frame.dims, brick.origin, frame.tissue_slices, kNoTissue, wanted, work.tissues);
-    }
-}
-
 // Makes the work block that of the brick, its voxels not yet gathered.
 void take_brick(const RayCastBrick& brick, const std::int32_t (&mirror)[3], RayCastWorkspace& work) {
     work.visible = find_visible_leaves(brick.invisible_cache);
     work.gathered = {};
+    work.in_blocks = {};
     work.tissues[0] = kNoTissue;  // lanes without a ray look here
     find_leaf_runs(work.visible, mirror, work.leaf_runs);
 }
@@ -266,6 +231,9 @@ void set_leaps(const RayCastFrame& frame, RayCastJob& job) {
         job.mirror[axis] = increment < 0.0 ? (1 << kBrickPositionBits) - 1 : 0;
     }
     job.steps_per_unit[3] = static_cast<float>(shortened / frame.step);
+    const std::int32_t longest =
+        std::max({std::abs(frame.increment[0]), std::abs(frame.increment[1]), std::abs(frame.increment[2]), 1});
+    job.steps_in_leaf = std::max((1 << kLeafPositionBits) / longest, 1);
 }
 
 RayCastJob make_job(const RayCastFrame& frame, const RayCastBrick& brick, RayCastWorkspace& work) {
@@ -328,6 +296,30 @@ void make_entries(const std::uint32_t* colours, const std::uint32_t (&step_trans
     }
 }
 
+void gather_leaves(const RayCastJob& job, const LeafMask& leaves) {
+    RayCastWorkspace& work = *job.work;
+    LeafMask missing;
+    for (std::size_t z = 0; z < kLeaves; z++) {
+        missing[z] = leaves[z] & ~work.gathered[z];
+        work.gathered[z] |= leaves[z];
+    }
+    if (is_empty(missing)) {
+        return;
+    }
+    const RayCastFrame& frame = *job.frame;
+    const int* const origin = job.brick->origin;
+    const GatherSource source = {{frame.dims[0], frame.dims[1], frame.dims[2]},
+                                 {origin[0], origin[1], origin[2]},
+                                 frame.slices,
+                                 frame.missing_value,
+                                 static_cast<std::uint16_t>(frame.is_signed ? 0 : 0x8000),
+                                 frame.shading};
+    gather_brick(source, take_missing_blocks(missing, frame.shading, work.in_blocks), work.pairs);
+    if (job.has_tissues) {
+        gather_tissues(frame.dims, origin, frame.tissue_slices, kNoTissue, find_tissue_rows(missing), work.tissues);
+    }
+}
+
 void process_brick(const RayCastFrame& frame, const RayCastBrick& brick, void* work_block, _listRay* rays,
                    RayCastResult& result) {
     result = {};
@@ -342,11 +334,6 @@ void process_brick(const RayCastFrame& frame, const RayCastBrick& brick, void* w
         take_brick(brick, job.mirror, work);
     }
     job.is_all_visible = is_full(work.visible);
-    if (!is_empty(work.visible)) {
-        const LeafMask reached = find_reached_leaves(frame, brick, rays, work.visible);
-        gather_rows(frame, brick, find_wanted_rows(reached), work);
-    }
-
     // Cast the rays, a batch at a time.
     const RayCastKernels& kernels = ray_cast_kernels();
     for (ListWalk walk(rays); walk.ray() != nullptr;) {

@@ -44,8 +44,9 @@ struct alignas(64) RayCastWorkspace {
     // the rays inside the brick and holds only leaves of its kind: above 0 for invisible ones, below 0 for visible
     // ones.
     std::int8_t leaf_runs[kNumLeaves + 16];
-    LeafMask visible;     // leaves with any visible cell
-    GatherRows gathered;  // rows of the brick that are here already
+    LeafMask visible;        // leaves with any visible cell
+    LeafMask gathered;       // leaves whose voxels are here
+    GatherBlocks in_blocks;  // what is here of their rows
     _listRay* rays[kMaxBatch];
     std::uint16_t sums[kMaxBatch][4];  // light collected in this brick: blue, green, red, unused
     ShadeQueue queue;
@@ -68,7 +69,11 @@ struct RayCastJob {
     // distance rounds up past the true quotient; and the bits that mirror a coordinate that decreases.
     float steps_per_unit[4];
     std::int32_t mirror[3];
+    std::int32_t steps_in_leaf;  // so many steps go no further than a leaf's edge on any axis
 };
+
+// Sees to it that the voxels (and tissues) are there that samples in these leaves and their gradients read.
+void gather_leaves(const RayCastJob& job, const LeafMask& leaves);
 
 // Carries rays 0 to num_rays - 1 of the workspace through the brick: writes their positions, step counts and
 // transparencies, and their light into `sums`, which it clears first.

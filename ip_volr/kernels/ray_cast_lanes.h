@@ -67,6 +67,7 @@ class RayCaster {
     static constexpr int kCount = Lanes::kCount;
     static constexpr int kAllLanes = (1 << kCount) - 1;
     static constexpr int kFullQueue = kShadeQueue - 8;
+    static constexpr int kFewRuns = 64;  // so many do not reach all of a brick
     static constexpr std::int32_t kEndless = 0x7fffffff;
 
     // Two neighbours along x, interpolated along y.
@@ -128,6 +129,7 @@ public:
         for (int first = 0; first < m_Job.num_rays; first += kCount) {
             find_runs_from(first);
         }
+        gather_runs();
         const Constants constants(m_Job);
         State state = idle_state();
         int idle = kAllLanes;
@@ -280,6 +282,7 @@ private:
                 m_Rays.count[slot] = count[i];
             }
         }
+        gather_runs();
         return m_NumRuns > 0;
     }
 
@@ -303,6 +306,42 @@ private:
         Lanes::store_compressed(m_RunSlots + m_NumRuns, slots, order);
         Lanes::store_compressed(m_Runs + m_NumRuns, runs, order);
         m_NumRuns += Lanes::count_bits(lanes);
+    }
+
+    // Gathers the voxels of all leaves that the new runs sample.
+    void gather_runs() {
+        if (m_NumRuns == 0) {
+            return;
+        }
+        if (m_Job.is_all_visible && m_NumRuns > kFewRuns) {
+            gather_leaves(m_Job, m_Work.visible);
+            return;
+        }
+        LeafMask leaves{};
+        for (int i = 0; i < m_NumRuns; i++) {
+            add_leaves(m_RunSlots[i], m_Runs[i], leaves);
+        }
+        gather_leaves(m_Job, leaves);
+    }
+
+    // Adds the leaves of a ray's next samples: of stretches no longer than a leaf, those around both ends.
+    void add_leaves(int slot, int num_samples, LeafMask& leaves) const {
+        std::int32_t x = m_Rays.x[slot], y = m_Rays.y[slot], z = m_Rays.z[slot];
+        int left = num_samples - 1;
+        do {
+            const int steps = left < m_Job.steps_in_leaf ? left : m_Job.steps_in_leaf;
+            const std::int32_t first_leaves[3] = {x, y, z};
+            x += steps * m_Frame.increment[0];
+            y += steps * m_Frame.increment[1];
+            z += steps * m_Frame.increment[2];
+            const std::uint64_t row = std::uint64_t{1} << (first_leaves[0] >> kLeafPositionBits) |
+                                      std::uint64_t{1} << (x >> kLeafPositionBits);
+            const std::uint64_t plane =
+                row << 8 * (first_leaves[1] >> kLeafPositionBits) | row << 8 * (y >> kLeafPositionBits);
+            leaves[static_cast<std::size_t>(first_leaves[2] >> kLeafPositionBits)] |= plane;
+            leaves[static_cast<std::size_t>(z >> kLeafPositionBits)] |= plane;
+            left -= steps;
+        } while (left > 0);
     }
 
     // Lanes whose ray has left the brick, passed its end or faded.

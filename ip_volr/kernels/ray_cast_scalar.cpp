@@ -215,6 +215,7 @@ void cast_ray(const RayCastJob& job, _listRay& ray, std::uint16_t* sums) {
 }
 
 void cast(const RayCastJob& job) {
+    gather_leaves(job, job.work->visible);
     std::memset(job.work->sums, 0, sizeof job.work->sums);
     for (int i = 0; i < job.num_rays; i++) {
         cast_ray(job, *job.work->rays[i], job.work->sums[i]);

@@ -43,27 +43,38 @@ std::uint32_t voxel_of(const GatherSource& source, int x, int y, int z) {
     return (slice == nullptr ? source.missing_value : slice[index]) ^ source.flip;
 }
 
-TEST(BrickGather, WantedRowsComeFromTheirPlaces) {
+TEST(BrickGather, WantedBlocksComeFromTheirPlaces) {
     constexpr std::uint32_t kUntouched = 0xdeadbeefu;
     constexpr int kCases[][6] = {{5, 5, 5, 0, 0, 0},       {33, 34, 36, 0, 0, 0},   {33, 34, 36, 32, 32, 32},
                                  {97, 70, 66, 32, 32, 32}, {67, 67, 67, 32, 0, 32}, {66, 40, 40, 32, 0, 0}};
     std::mt19937_64 random(7);
     for (const auto& [nx, ny, nz, ox, oy, oz] : kCases) {
         const Volume volume({nx, ny, nz}, 3);
-        GatherRows wanted{};
-        for (std::uint64_t& rows : wanted.rows) {
-            rows = (random() % 4 == 0 ? 0 : random()) & kAllPairRows;
+        GatherBlocks wanted{};
+        wanted.planes = (random() | random()) & ((std::uint64_t{1} << kGatherEdge) - 1);
+        for (auto& plane : wanted.rows) {
+            const std::uint64_t whole_rows = random();
+            for (std::uint64_t& rows : plane) {
+                rows = (random() | whole_rows) & kAllPairRows;
+            }
         }
         for (const InstructionSet set : kSets) {
             const ScopedInstructionSet limit(set);
             const auto flip = static_cast<std::uint16_t>(random() % 2 * 0x8000);
-            const GatherSource source = {{nx, ny, nz}, {ox, oy, oz}, volume.slices.data(), 77, flip};
+            const bool has_margin = random() % 2 != 0;
+            const GatherSource source = {{nx, ny, nz}, {ox, oy, oz}, volume.slices.data(), 77, flip, has_margin};
             std::vector<std::uint32_t> pairs(kNumPairs, kUntouched);
             gather_brick(source, wanted, pairs.data());
             int num_wrong = 0;
             for (int i = 0; i < kNumPairs; i++) {
                 const int x = i % kPairRow, row = i / kPairRow % kPairRows, plane = i / kPairPlane;
-                const bool is_wanted = x < kGatherEdge && (wanted.rows[plane] >> row & 1) != 0;
+                bool is_wanted = false;
+                for (int block = 0; block < kGatherBlocks; block++) {
+                    const int start = gather_block_start(block, has_margin);
+                    is_wanted =
+                        is_wanted || (x >= start && x < start + kGatherBlock && (wanted.planes >> plane & 1) != 0 &&
+                                      (wanted.rows[plane][block] >> row & 1) != 0);
+                }
                 const std::uint32_t expected = is_wanted ? voxel_of(source, x - 1, row - 1, plane - 1) |
                                                                voxel_of(source, x - 1, row, plane - 1) << 16
                                                          : kUntouched;
