@@ -53,6 +53,7 @@ Projection::Projection(VolumeSource& source, bool linear) : m_Source(source), m_
     *m_Volume->GetBox() = ProjectionBox(source.Info());
     m_Params.m_VolData = std::make_shared<IP_MultiVolData>();
     m_Params.m_VolData->AddVolData(m_Volume);
+    m_NumSeen = source.Arrived().size();
     m_BoxB.m_MaxIntoOutput = 1;
 }
 
@@ -61,10 +62,11 @@ Projection::~Projection() {
 }
 
 void Projection::Prepare() {
-    if (m_Linear || m_Prepared != nullptr) {
+    TakeArrivals();
+    if (m_Linear || m_Params.m_AltVolData != nullptr) {
         return;
     }
-    auto prepared = std::make_shared<IP_MultiVolDataIncMIP>();
+    const auto prepared = m_Prepared != nullptr ? m_Prepared : std::make_shared<IP_MultiVolDataIncMIP>();
     constexpr int kReduction = 2;
     IP_MultiRealListVol masks;
     masks.AddRealListVol(m_Mask.get());
@@ -75,6 +77,22 @@ void Projection::Prepare() {
     }
     m_Prepared = prepared;
     m_Params.m_AltVolData = prepared;
+}
+
+// The linear path reads the source's slices themselves. Prepared slices are found again by their identities, so that
+// only those that have come are prepared.
+void Projection::TakeArrivals() {
+    const std::size_t num_arrived = m_Source.Arrived().size();
+    if (m_NumSeen == num_arrived) {
+        return;
+    }
+    if (m_Linear && m_Mask != nullptr) {
+        SetMask(m_Mask);
+    } else if (m_Prepared != nullptr) {
+        m_Params.m_AltVolData = nullptr;
+        m_Prepared->remove_slices();
+    }
+    m_NumSeen = num_arrived;
 }
 
 void Projection::SetClipping(const std::vector<ClipPlane>& planes) {
@@ -95,7 +113,7 @@ void Projection::SetMask(std::shared_ptr<IP_RealListVol> mask) {
     }
     std::swap(m_Mask, mask);
     ++m_MaskVersion;
-    if (m_Prepared == nullptr) {
+    if (m_Params.m_AltVolData == nullptr) {
         return;
     }
     try {

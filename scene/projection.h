@@ -73,6 +73,7 @@ public:
 private:
     void PassPlanes();
     void PassMask();
+    void TakeArrivals();
 
     VolumeSource& m_Source;
     bool m_Linear;
@@ -81,6 +82,7 @@ private:
     std::unique_ptr<MaskedVolume> m_Masked;  // the source without the mask, for the linear path
     int m_MaskVersion = 1;
     std::shared_ptr<IP_MultiVolDataIncMIP> m_Prepared;
+    std::size_t m_NumSeen = 0;  // of the source's arrivals
     IP_VolRParamsMIP m_Params;
     IP_VolRBoxParamsMIP m_BoxA;
     IP_VolRBoxParamsMIP m_BoxB;

@@ -71,6 +71,7 @@ std::optional<RenderQuality> QualityByName(std::string_view name) {
 VolumeRendering::VolumeRendering(VolumeSource& source) : m_Source(source) {
     m_Engine.SetVolumeData(source.Volumes(), source.Info().is_signed);
     m_Engine.SetMaxLayerLoaded(Layers(source.Info().dims[2]));
+    m_NumSeen = source.Arrived().size();
     SetQuality(RenderQuality::kEnhanced);
 }
 
@@ -159,13 +160,26 @@ void VolumeRendering::SetView(const Camera& camera, const Light& light) {
     m_Engine.SetLightDirection(direction);
 }
 
+// Tells the engine which slices have come. It looks anew at the layer of bricks that each belongs to; the slice before
+// names the layer below, of which a slice at the boundary is the last, too.
+void VolumeRendering::PassArrivals() {
+    const std::vector<int>& arrived = m_Source.Arrived();
+    for (; m_NumSeen < arrived.size(); ++m_NumSeen) {
+        const int iz = arrived[m_NumSeen];
+        m_ChangedSlices.insert(m_ChangedSlices.end(), {std::max(iz - 1, 0), iz});
+    }
+    m_Engine.SetUpdatedSliceIndexList(m_ChangedSlices.empty() ? nullptr : &m_ChangedSlices);
+}
+
 Picture VolumeRendering::Draw(const Background& background) {
     // Alpha starts at 0, so that what the engine leaves in it is the rays' remaining transparency.
+    PassArrivals();
     m_Raw.assign(static_cast<std::size_t>(m_Width) * static_cast<std::size_t>(m_Height), 0U);
     if (!m_Engine.Render(m_Raw.data(), m_Width, m_Height)) {
         throw Error(ErrorKind::kFailed, "render", "the engine could not draw this volume",
                     "it needs at least 5 voxels along rows and columns, and memory for one frame");
     }
+    m_ChangedSlices.clear();
     return Developed(m_Raw, m_Width, m_Height, background, Entry(m_Quality).stop_transparency);
 }
 

@@ -10,6 +10,7 @@
 #include "scene/volume_source.h"
 
 #include <array>
+#include <list>
 #include <memory>
 #include <optional>
 #include <string_view>
@@ -58,10 +59,13 @@ public:
 
 private:
     void PassTables();
+    void PassArrivals();
     const TransferTables& TablesOf(std::size_t tissue) const;
 
     VolumeSource& m_Source;
     IP_VOLRC_VolumeRenderingRC m_Engine{0, 0};
+    std::size_t m_NumSeen = 0;       // of the source's arrivals
+    std::list<int> m_ChangedSlices;  // which the engine reads with the next frame
     std::unique_ptr<TransferTables> m_Tables;
     // Tables of index 0, 1, ...; null where the tissue looks like the volume.
     std::array<std::unique_ptr<TransferTables>, TissuePlan::kRest + 1> m_TissueTables;

@@ -2,12 +2,10 @@
 
 #include "scene/error.h"
 #include "scene/parallel.h"
+#include "scene/slice_blocks.h"
 
-#include <sys/mman.h>
-#include <unistd.h>
 #include <algorithm>
 #include <atomic>
-#include <cstring>
 
 namespace scene {
 
@@ -16,57 +14,6 @@ namespace {
 // A column of the 3 x 4 transform.
 Vec3 Column(const std::array<double, 12>& m, std::size_t i) {
     return {m[i], m[4 + i], m[8 + i]};
-}
-
-// Lets the system take back memory whose content is not needed any more. Only whole pages inside the range.
-void GiveBack(void* first, std::size_t bytes) {
-    const auto page = static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE));
-    const std::uintptr_t from = (reinterpret_cast<std::uintptr_t>(first) + page - 1) / page * page;
-    const std::uintptr_t to = (reinterpret_cast<std::uintptr_t>(first) + bytes) / page * page;
-    if (from >= to) {
-        return;
-    }
-    void* const address = reinterpret_cast<void*>(from);
-    // Shared memory is freed by the first, private memory by the second; the other one refuses.
-    if (::madvise(address, to - from, MADV_REMOVE) != 0) {
-        ::madvise(address, to - from, MADV_DONTNEED);
-    }
-}
-
-std::string UniqueSeriesName() {
-    static std::atomic<unsigned> counter{0};
-    return "volr-" + std::to_string(counter.fetch_add(1)) + "-";
-}
-
-// Projections compare voxels as signed numbers: values that need all 16 bits unsigned become signed ones, and the
-// rescale makes up for it. Returns what is added to a stored value.
-int AsSigned(ImportedVolume& info) {
-    constexpr int kOffset = -32768;
-    if (info.is_signed || info.bits_stored < 16) {
-        return 0;
-    }
-    info.is_signed = true;
-    info.min_value += kOffset;
-    info.max_value += kOffset;
-    info.rescale_intercept -= kOffset * info.rescale_slope;
-    if (info.padding_value) {
-        *info.padding_value += kOffset;
-    }
-    return kOffset;
-}
-
-IP_ShortSlice* NewSlice(const PixelDataAttributes& attributes, const std::string& id) {
-    auto info = std::make_unique<MEM_PagerInfo>();
-    const auto bytes = static_cast<unsigned long long>(attributes.width) * static_cast<unsigned>(attributes.height) * 2;
-    if (MEM_MemPager::GetHandleForMP()->Allocate64(bytes, info.get(), 0) == -1) {
-        throw Error(ErrorKind::kFailed, "volume", "no memory for its slices",
-                    "raise --memory-budget or free disk space");
-    }
-    auto slice = std::make_unique<IP_ShortSlice>(info.get(), attributes, 0);
-    slice->SetOwnsData(true);
-    info.release();
-    slice->SetID(id.c_str());
-    return slice.release();
 }
 
 }  // namespace
@@ -108,34 +55,36 @@ IP_Box PatientBox(const std::array<int, 3>& dims, const std::array<double, 12>& 
     return box;
 }
 
-VolumeSource::VolumeSource(ImportedVolume&& imported) : m_Info(std::move(imported)) {
+VolumeSource::VolumeSource(ImportedVolume&& imported) : VolumeSource(std::move(imported), WithoutSlices()) {
+    StoreSlices(m_Info.voxels);
+    m_Info.voxels = VoxelBuffer();
+}
+
+VolumeSource::VolumeSource(ImportedVolume&& imported, WithoutSlices /*mark*/) : m_Info(std::move(imported)) {
     m_StoredOffset = AsSigned(m_Info);
     IP_Box box = PatientBox(m_Info.dims, m_Info.index_to_patient);
     const auto volume = std::make_shared<IP_VolData>(&box, m_Info.dims[2]);
     volume->SetRescaleTrans(m_Info.rescale_slope, m_Info.rescale_intercept);
     m_Volumes.AddVolData(volume);
-    StoreSlices(m_Info.voxels);
-    m_Info.voxels = VoxelBuffer();
+}
+
+PixelDataAttributes VolumeSource::SliceAttributes() const {
+    return {m_Info.dims[0], m_Info.dims[1], Stored().bits, m_Info.is_signed};
+}
+
+std::size_t VolumeSource::SliceVoxels() const {
+    return static_cast<std::size_t>(m_Info.dims[0]) * static_cast<std::size_t>(m_Info.dims[1]);
 }
 
 void VolumeSource::StoreSlices(const VoxelBuffer& voxels) {
-    const PixelDataAttributes attributes{m_Info.dims[0], m_Info.dims[1], Stored().bits, m_Info.is_signed};
     const std::string series = UniqueSeriesName();
-    const std::size_t slice_voxels =
-        static_cast<std::size_t>(m_Info.dims[0]) * static_cast<std::size_t>(m_Info.dims[1]);
     ForEachIndex(m_Info.dims[2], [&](int iz) {
-        IP_ShortSlice* const slice = NewSlice(attributes, series + std::to_string(iz));
-        Volume()->SetSlice(slice, iz);
-        std::int16_t* const from = voxels.data() + slice_voxels * static_cast<std::size_t>(iz);
-        // A new block comes mapped; the copy ends that mapping.
-        auto* const to = static_cast<std::int16_t*>(slice->GetData()->Ptr());
-        std::memcpy(to, from, slice_voxels * 2);
-        if (m_StoredOffset != 0) {
-            std::for_each(to, to + slice_voxels,
-                          [this](std::int16_t& v) { v = static_cast<std::int16_t>(v + m_StoredOffset); });
-        }
-        slice->GetData()->Unmap();
-        GiveBack(from, slice_voxels * 2);
+        std::int16_t* const from = voxels.data() + SliceVoxels() * static_cast<std::size_t>(iz);
+        Volume()->SetSlice(
+            SliceOf(BlockOf(from, SliceVoxels(), m_StoredOffset), SliceAttributes(), series + std::to_string(iz))
+                .release(),
+            iz);
+        GiveBack(from, SliceVoxels() * 2);
     });
 }
 
@@ -187,9 +136,11 @@ const ValueHistogram& VolumeSource::Histogram() {
         return m_Histogram;
     }
     std::vector<std::atomic<std::uint64_t>> totals(65536);
-    const std::size_t slice_voxels =
-        static_cast<std::size_t>(m_Info.dims[0]) * static_cast<std::size_t>(m_Info.dims[1]);
+    const std::size_t slice_voxels = SliceVoxels();
     ForEachIndex(m_Info.dims[2], [&](int iz) {
+        if (!HasSlice(iz)) {
+            return;
+        }
         auto* const slice = static_cast<IP_ShortSlice*>(Volume()->GetSlice(iz));
         if (slice->MapMemory() != 0) {
             throw Error(ErrorKind::kFailed, "volume", "a slice cannot be brought back to memory",

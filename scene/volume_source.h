@@ -34,6 +34,9 @@ private:
 };
 
 // Owns the slices. Engines keep pointers into it: it must outlive them.
+//
+// Some sources are drawn while their slices still arrive (see GrowingSource). Drawing objects take in by themselves,
+// before a frame, what has come since the last one.
 class VolumeSource {
 public:
     // Moves the voxels into pager blocks; the imported memory is given back to the system slice by slice, so that the
@@ -42,6 +45,7 @@ public:
     explicit VolumeSource(ImportedVolume&& imported);
     VolumeSource(const VolumeSource&) = delete;
     VolumeSource& operator=(const VolumeSource&) = delete;
+    virtual ~VolumeSource() = default;
 
     // Everything but the voxels, of the values as they are stored here: unsigned values of 16 bits become signed ones.
     const ImportedVolume& Info() const { return m_Info; }
@@ -58,19 +62,34 @@ public:
     double Rescaled(int stored) const { return stored * m_Info.rescale_slope + m_Info.rescale_intercept; }
     int StoredAt(const std::array<int, 3>& index) const;  // the index must lie inside
 
-    // Of the whole volume, without padding; counted at the first call.
+    // The slices that came after the source was made, in the order in which they came. None for a whole volume.
+    const std::vector<int>& Arrived() const { return m_Arrived; }
+    bool HasSlice(int iz) const { return m_IsMissing.empty() || m_IsMissing[static_cast<std::size_t>(iz)] == 0; }
+
+    // Of all slices that are there, without padding; counted at the first call and when slices have come.
     const ValueHistogram& Histogram();
     // The values between which a relative transfer function is spread: background and top of the window.
     std::array<double, 2> RelativeWindow();
 
+protected:
+    // A source that has no slices yet.
+    struct WithoutSlices {};
+    VolumeSource(ImportedVolume&& imported, WithoutSlices mark);
+
+    PixelDataAttributes SliceAttributes() const;
+    std::size_t SliceVoxels() const;
+
+    ImportedVolume m_Info;
+    int m_StoredOffset = 0;         // added to the imported values
+    std::vector<char> m_IsMissing;  // of each slice; empty when none is
+    std::vector<int> m_Arrived;
+    bool m_HistogramKnown = false;
+
 private:
     void StoreSlices(const VoxelBuffer& voxels);
 
-    ImportedVolume m_Info;
-    int m_StoredOffset = 0;  // added to the imported values
     IP_MultiVolData m_Volumes;
     ValueHistogram m_Histogram;
-    bool m_HistogramKnown = false;
 };
 
 // A box of dims voxels whose index-to-patient transform (3 x 4, row by row) is given.

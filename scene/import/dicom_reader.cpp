@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <map>
+#include <mutex>
 
 #include "scene/import/dicom_pixels.h"
 #include "scene/import/dicom_stacks.h"
@@ -129,31 +130,121 @@ StackGeometry GeometryOf(const DicomStack& stack, int num_lost) {
     return geometry;
 }
 
-// Decodes all frames of a stack, file by file in parallel.
-std::vector<FrameValues> DecodeStack(ImportContext& context, const DicomStack& stack, const VoxelBuffer& out) {
-    // Make one job of each file.
-    std::vector<FrameValues> found(stack.frames.size());
-    std::map<const DicomFile*, std::vector<FrameTarget>> targets_of_file;
-    std::vector<const DicomFile*> files;
+// Whether all that decoding could find out about the values, but their range, is in the headers: then slices mean the
+// same before and after the last of them is decoded.
+bool IsForeseeable(const DicomStack& stack) {
+    const DicomFrame& first = stack.frames.front();
+    const DicomFile& pattern = *first.file;
+    return first.slope > 0.0 && !pattern.is_inverted &&
+           std::all_of(stack.frames.begin(), stack.frames.end(), [&](const DicomFrame& frame) {
+               const DicomFile& file = *frame.file;
+               return frame.slope == first.slope && frame.intercept == first.intercept &&
+                      file.is_signed == pattern.is_signed && file.bits_stored == pattern.bits_stored &&
+                      file.padding_first == pattern.padding_first && file.padding_last == pattern.padding_last &&
+                      file.is_inverted == pattern.is_inverted;
+           });
+}
+
+// Tells how the volume will be before any slice is decoded into `voxels`; false when that is not known.
+bool AnnounceLayout(ImportContext& context, const StackPlan& plan, const DicomStack& stack, const std::string& path,
+                    const VoxelBuffer& voxels, const ImportedVolume& volume) {
+    if (!context.WantsSlices() || !IsForeseeable(stack) || Determinant(plan.index_to_patient) <= 0.0) {
+        return false;
+    }
+    const DicomFrame& first = stack.frames.front();
+    SixteenBitCode code;
+    code.is_signed = first.file->is_signed;
+    code.slope = first.slope;
+    code.intercept = first.intercept;
+    const int num_values = 1 << first.file->bits_stored;
+    code.min_value = code.is_signed ? -num_values / 2 : 0;
+    code.max_value = code.min_value + num_values - 1;
+
+    // Padding may turn out to be higher than measured values; then it is replaced at the end.
+    const std::optional<std::uint16_t> padding_word = first.file->padding_first;
+    if (padding_word) {
+        const int padding = code.is_signed ? static_cast<std::int16_t>(*padding_word) : static_cast<int>(*padding_word);
+        if (padding < code.min_value || padding > code.max_value) {
+            return false;
+        }
+    }
+    ImportedVolume layout = volume;
+    layout.voxels = voxels;
+    layout.do_announced_slices_change = padding_word.has_value();
+    SetCode(layout, code);
+    SetGrid(layout, path, plan.index_to_patient);
+    context.AnnounceLayout(layout);
+    return true;
+}
+
+// What one file contributes to a stack.
+struct FileJob {
+    const DicomFile* file = nullptr;
+    std::vector<FrameTarget> targets;
+    std::vector<int> slices;  // of the stack
+};
+
+std::vector<FileJob> JobsOf(const DicomStack& stack, const VoxelBuffer& out, std::vector<FrameValues>& found) {
+    std::map<const DicomFile*, std::size_t> job_of_file;
+    std::vector<FileJob> jobs;
     for (std::size_t i = 0; i < stack.frames.size(); ++i) {
         const DicomFrame& frame = stack.frames[i];
-        std::vector<FrameTarget>& targets = targets_of_file[frame.file.get()];
-        if (targets.empty()) {
-            files.push_back(frame.file.get());
+        const auto [place, is_new] = job_of_file.emplace(frame.file.get(), jobs.size());
+        if (is_new) {
+            jobs.push_back({frame.file.get(), {}, {}});
         }
         const std::size_t slice_size = std::size_t(frame.file->rows) * frame.file->columns;
-        targets.push_back({frame.index, out.data() + i * slice_size, &found[i]});
+        FileJob& job = jobs[place->second];
+        job.targets.push_back({frame.index, out.data() + i * slice_size, &found[i]});
+        job.slices.push_back(static_cast<int>(i));
+    }
+    return jobs;
+}
+
+// Slices that were decoded on any thread, until the import's thread tells of them.
+class SliceNews {
+public:
+    void Add(const std::vector<int>& slices) {
+        const std::lock_guard lock(m_mutex);
+        m_slices.insert(m_slices.end(), slices.begin(), slices.end());
+    }
+    void Tell(ImportContext& context) {
+        std::vector<int> slices;
+        {
+            const std::lock_guard lock(m_mutex);
+            slices.swap(m_slices);
+        }
+        if (!slices.empty()) {
+            context.AnnounceSlices(slices);
+        }
     }
 
-    // Do them.
-    const auto count = static_cast<int>(files.size());
+private:
+    std::mutex m_mutex;
+    std::vector<int> m_slices;
+};
+
+// Decodes all frames of a stack, file by file in parallel.
+std::vector<FrameValues> DecodeStack(ImportContext& context, const DicomStack& stack, bool is_announced,
+                                     const VoxelBuffer& out) {
+    std::vector<FrameValues> found(stack.frames.size());
+    const std::vector<FileJob> jobs = JobsOf(stack, out, found);
+    const auto count = static_cast<int>(jobs.size());
+    SliceNews news;
     ParallelFor(
         count, context.NumThreads(),
         [&](int i) {
-            const DicomFile* const file = files[static_cast<std::size_t>(i)];
-            DecodeFrames(*file, targets_of_file.at(file));
+            const FileJob& job = jobs[static_cast<std::size_t>(i)];
+            DecodeFrames(*job.file, job.targets);
+            if (is_announced) {
+                news.Add(job.slices);
+            }
         },
-        [&](int done) { context.Progress(kScanShare + (kDecodeShare - kScanShare) * done / count); });
+        [&](int done) {
+            news.Tell(context);
+            context.Progress(kScanShare + (kDecodeShare - kScanShare) * done / count);
+        });
+    news.Tell(context);
     return found;
 }
 
@@ -172,11 +263,14 @@ void Resample(ImportContext& context, const StackPlan& plan, const DicomStack& s
 }
 
 // Fills voxels, range and rescale.
-void ReadValues(ImportContext& context, const StackPlan& plan, const DicomStack& stack, ImportedVolume& volume) {
+void ReadValues(ImportContext& context, const StackPlan& plan, const DicomStack& stack, const std::string& path,
+                Content content, ImportedVolume& volume) {
     const DicomFile& file = *stack.frames.front().file;
     const std::size_t num_voxels = std::size_t(file.rows) * file.columns * stack.frames.size();
     const VoxelBuffer decoded = plan.is_resampled ? VoxelBuffer(num_voxels) : context.AllocateResult(num_voxels);
-    const std::vector<FrameValues> found = DecodeStack(context, stack, decoded);
+    const bool is_announced =
+        !plan.is_resampled && content == Content::kGrey && AnnounceLayout(context, plan, stack, path, decoded, volume);
+    const std::vector<FrameValues> found = DecodeStack(context, stack, is_announced, decoded);
     SixteenBitCode code = UnifyValues(stack, found, decoded, volume);
     if (plan.is_resampled) {
         Resample(context, plan, stack, decoded, code, volume);
@@ -246,7 +340,7 @@ ImportedVolume ReadDicom(ImportContext& context, const std::string& path, Conten
     WarnOfSkippedFiles(folder, volume.warnings);
     volume.warnings.insert(volume.warnings.end(), plan.warnings.begin(), plan.warnings.end());
     DescribeVolume(stack, stacks, volume);
-    ReadValues(context, plan, stack, volume);
+    ReadValues(context, plan, stack, path, content, volume);
     SetGrid(volume, path, plan.index_to_patient);
     if (content == Content::kLabels) {
         MakeLabels(volume, path);

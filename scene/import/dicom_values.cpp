@@ -78,6 +78,7 @@ void SettlePadding(const std::vector<Slice>& slices, const SixteenBitCode& range
         }
     }
     if (has_replaced) {
+        volume.do_announced_slices_change = true;
         volume.warnings.push_back("padding is replaced by the lowest of the measured values");
     }
 }

@@ -23,6 +23,12 @@ public:
     // Memory of the voxels that the import returns; at most once for each import. Throws std::bad_alloc.
     virtual VoxelBuffer AllocateResult(std::size_t num_voxels) = 0;
 
+    // Whether somebody wants to see slices before all are there.
+    bool WantsSlices() const { return m_options.on_layout && m_options.on_slices; }
+    // See ImportOptions. The layout's voxels are those of AllocateResult.
+    virtual void AnnounceLayout(const ImportedVolume& layout) = 0;
+    virtual void AnnounceSlices(const std::vector<int>& slices) = 0;
+
 private:
     const ImportOptions& m_options;
 };

@@ -88,6 +88,10 @@ struct ImportedVolume {
     int series_number = 0;              // which of them this is
     int num_time_points = 1;            // how many time points the file holds
     std::vector<std::string> warnings;  // one clear line for each thing that was changed or doubted on the way
+
+    // Of a layout (see ImportOptions): slices may still change after they are announced. Of a volume that was read:
+    // some that were announced did.
+    bool do_announced_slices_change = false;
 };
 
 // Memory and time that reading a file may take before it counts as unreadable.
@@ -105,6 +109,14 @@ struct ImportOptions {
     std::function<void(double fraction)> progress;
     // Polled from the thread that called the import; true ends it with ImportCancelled.
     std::function<bool()> is_cancelled;
+
+    // For showing a volume while it is read; both are called from the thread that called the import. `on_layout` comes
+    // at most once, and only for volumes of which everything but the values is known beforehand: DICOM series of one
+    // pixel type and rescale on an even grid. Its voxels are filled from then on; its range, bits and sign are those of
+    // the file's pixel type, of which the values may need less. `on_slices` names slices that have come, each once.
+    // What the import returns in the end is right, whatever was announced before.
+    std::function<void(const ImportedVolume& layout)> on_layout;
+    std::function<void(const std::vector<int>& slices)> on_slices;
 
     // Decode in a child process, so that a crash or endless loop in a decoder is an ImportError. The child is forked
     // from the calling thread; other threads of the process need not be quiet, but a process that can choose imports

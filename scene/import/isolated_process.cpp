@@ -17,6 +17,8 @@
 #include <cstring>
 #include <new>
 
+#include "scene/import/volume_archive.h"
+
 namespace scene::import {
 
 namespace {
@@ -25,7 +27,16 @@ constexpr int kPollMilliseconds = 30;
 constexpr std::uint32_t kMaxMessageBytes = 64u << 20;
 
 // Messages of the child: a kind, a length and so many bytes.
-enum class MessageKind : std::uint32_t { kProgress = 1, kDone, kRefused, kCancelled, kNoMemory, kFailed };
+enum class MessageKind : std::uint32_t {
+    kProgress = 1,
+    kLayout,
+    kSlices,
+    kDone,
+    kRefused,
+    kCancelled,
+    kNoMemory,
+    kFailed
+};
 struct MessageHead {
     MessageKind kind;
     std::uint32_t num_bytes;
@@ -98,6 +109,13 @@ public:
             throw std::bad_alloc();
         }
         return MapVoxels(m_memory, num_voxels);
+    }
+    void AnnounceLayout(const ImportedVolume& layout) override {
+        const std::string text = Pack(layout);
+        Send(m_pipe, MessageKind::kLayout, text.data(), text.size());
+    }
+    void AnnounceSlices(const std::vector<int>& slices) override {
+        Send(m_pipe, MessageKind::kSlices, slices.data(), slices.size() * sizeof(int));
     }
 
 private:
@@ -242,11 +260,28 @@ private:
     std::string m_bytes;
 };
 
+// Maps what the child left; a size that is no whole number of voxels cannot come from AllocateResult.
+VoxelBuffer TakeVoxels(int memory) {
+    struct stat status {};
+    if (::fstat(memory, &status) != 0 || status.st_size <= 0) {
+        return {};
+    }
+    return MapVoxels(memory, static_cast<std::size_t>(status.st_size) / sizeof(std::int16_t));
+}
+
+// The same while the child is still there. It must not take memory away again that the parent reads.
+VoxelBuffer TakeGrowingVoxels(int memory) {
+    if (::fcntl(memory, F_ADD_SEALS, F_SEAL_SHRINK) != 0) {
+        return {};
+    }
+    return TakeVoxels(memory);
+}
+
 // Follows the child until it has said its last word.
 class ChildDialogue {
 public:
-    ChildDialogue(const std::string& what, const ImportOptions& options, int pipe)
-        : m_what(what), m_options(options), m_reader(pipe) {}
+    ChildDialogue(const std::string& what, const ImportOptions& options, int pipe, int memory)
+        : m_what(what), m_options(options), m_reader(pipe), m_memory(memory) {}
 
     // The text of the result.
     std::string Run() {
@@ -261,6 +296,7 @@ public:
                     return text;
                 }
                 Hear(kind, text);
+                CheckPatience();
             }
             if (!is_open) {
                 RefuseCrash(m_what);
@@ -280,6 +316,12 @@ private:
                     m_options.progress(m_highest);
                 }
                 return;
+            case MessageKind::kLayout:
+                HearLayout(UnpackVolume(text));
+                return;
+            case MessageKind::kSlices:
+                HearSlices(text);
+                return;
             case MessageKind::kRefused:
                 throw ImportError(OneLine(text));
             case MessageKind::kCancelled:
@@ -289,6 +331,33 @@ private:
             default:
                 RefuseCrash(m_what);
         }
+    }
+
+    // Shares the memory that the child is filling.
+    void HearLayout(ImportedVolume layout) {
+        if (m_numSlices > 0 || !m_options.on_layout) {
+            RefuseCrash(m_what);
+        }
+        layout.voxels = TakeGrowingVoxels(m_memory);
+        std::size_t num_voxels = 1;
+        for (const int size : layout.dims) {
+            num_voxels *= size > 0 && size <= (1 << 20) ? static_cast<std::size_t>(size) : 0;
+        }
+        if (num_voxels == 0 || layout.voxels.size() != num_voxels) {
+            RefuseCrash(m_what);
+        }
+        m_numSlices = layout.dims[2];
+        m_options.on_layout(layout);
+    }
+
+    void HearSlices(const std::string& text) {
+        std::vector<int> slices(text.size() / sizeof(int));
+        std::memcpy(slices.data(), text.data(), slices.size() * sizeof(int));
+        const auto is_one = [this](int slice) { return slice >= 0 && slice < m_numSlices; };
+        if (!std::all_of(slices.begin(), slices.end(), is_one) || !m_options.on_slices) {
+            RefuseCrash(m_what);
+        }
+        m_options.on_slices(slices);
     }
 
     void CheckPatience() const {
@@ -306,18 +375,11 @@ private:
     const std::string& m_what;
     const ImportOptions& m_options;
     MessageReader m_reader;
+    int m_memory;
     std::chrono::steady_clock::time_point m_lastSign;
     double m_highest = 0.0;
+    int m_numSlices = 0;  // of the layout, once there is one
 };
-
-// Maps what the child left; a size that is no whole number of voxels cannot come from AllocateResult.
-VoxelBuffer TakeVoxels(int memory) {
-    struct stat status {};
-    if (::fstat(memory, &status) != 0 || status.st_size <= 0) {
-        return {};
-    }
-    return MapVoxels(memory, static_cast<std::size_t>(status.st_size) / sizeof(std::int16_t));
-}
 
 // The first line of what was written, made fit to be shown.
 std::string TakeComplaint(int complaints) {
@@ -341,6 +403,8 @@ public:
         }
     }
     VoxelBuffer AllocateResult(std::size_t num_voxels) override { return result = VoxelBuffer(num_voxels); }
+    void AnnounceLayout(const ImportedVolume& layout) override { Options().on_layout(layout); }
+    void AnnounceSlices(const std::vector<int>& slices) override { Options().on_slices(slices); }
 
     VoxelBuffer result;
 
@@ -365,7 +429,7 @@ JobResult RunIsolated(const std::string& what, const ImportOptions& options, con
         Refuse(what, "no pipe to an import process", "close files and try again");
     }
     FileDescriptor read_end(ends[0]), write_end(ends[1]);
-    const FileDescriptor memory(::memfd_create("voxels", MFD_CLOEXEC));
+    const FileDescriptor memory(::memfd_create("voxels", MFD_CLOEXEC | MFD_ALLOW_SEALING));
     const FileDescriptor complaints(::memfd_create("complaints", MFD_CLOEXEC));
     if (memory.Get() < 0 || complaints.Get() < 0) {
         Refuse(what, "no shared memory for an import process", "close programs and try again");
@@ -384,7 +448,7 @@ JobResult RunIsolated(const std::string& what, const ImportOptions& options, con
 
     // Follow it to the end.
     JobResult result;
-    result.text = ChildDialogue(what, options, read_end.Get()).Run();
+    result.text = ChildDialogue(what, options, read_end.Get(), memory.Get()).Run();
     result.voxels = TakeVoxels(memory.Get());
     result.complaint = TakeComplaint(complaints.Get());
     return result;

@@ -106,6 +106,7 @@ void VisitVolume(Archive& archive, Volume& volume) {
     archive.Field(volume.series_number);
     archive.Field(volume.num_time_points);
     archive.Field(volume.warnings);
+    archive.Field(volume.do_announced_slices_change);
 }
 
 }  // namespace
