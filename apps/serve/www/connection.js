@@ -120,7 +120,7 @@ export class Connection {
         }
         this.#waiting.clear();
         this.onStatus("lost");
-        this.#timer = setTimeout(() => this.connect(), this.#delayMs * (0.75 + 0.5 * Math.random()));
+        this.#timer = window.setTimeout(() => this.connect(), this.#delayMs * (0.75 + 0.5 * Math.random()));
         this.#delayMs = Math.min(longestDelayMs, this.#delayMs * 2);
         // A server that answers but refuses was started anew: its links are new too.
         const status = await fetch("/api/presets").then(answer => answer.status, () => 0);

@@ -93,7 +93,7 @@ export function listenToKeys(actions) {
             return;
         }
         // Arrows and Enter belong to whatever control has the focus.
-        const isOwn = arrows.includes(event.key) || ["Enter", "Home", "[", "]"].includes(event.key);
+        const isOwn = arrows.includes(event.key) || ["Enter", "Home"].includes(event.key);
         if ((isOwn && !onPane) || (event.altKey && !arrows.includes(event.key))) {
             return;
         }

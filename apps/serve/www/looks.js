@@ -105,10 +105,9 @@ export function windowSection() {
         label: "Width", step: 1, range: () => [1, breadth()], get: () => window().width, set: value => ({ window: { ...window(), width: value } }),
     });
     const cue = slider({
-        label: "Depth", unit: "%", step: 1, range: () => [0, 100],
+        label: "Darker with depth", unit: "%", step: 1, range: () => [0, 100],
         get: s => 100 * (1 - (s.depthCue ?? 1)), set: value => ({ depthCue: value === 0 ? null : 1 - value / 100 }),
     });
-    cue.title = "Darkens what is far away";
     return onlyIf(section("Window", true, centre, width, cue,
         button("Automatic window", () => store.update({ window: null }))), hasProjection);
 }
@@ -124,7 +123,7 @@ export function slabSection() {
         get: s => s.slab.thickness, set: value => ({ slab: { ...store.state.slab, thickness: value } }),
     });
     const offset = slider({
-        label: "Depth", unit: "mm", step: 0.5, range: () => [-depth() / 2, depth() / 2],
+        label: "Position", unit: "mm", step: 0.5, range: () => [-depth() / 2, depth() / 2],
         get: s => s.slab.offset, set: value => ({ slab: { ...store.state.slab, offset: value } }),
     });
     const sliders = onlyIf(html("div", {}, thickness, offset), hasSlab);

@@ -100,6 +100,7 @@ function leaveSeries() {
 /** @param {string | null} text @param {number} fraction */
 function showLoading(text, fraction) {
     byId("loading").hidden = text === null;
+    byId("loading").classList.toggle("aside", open.volume !== null);
     byId("loading-text").textContent = text ?? "";
     /** @type {HTMLProgressElement} */ (byId("loading-bar")).value = fraction;
 }
@@ -144,7 +145,7 @@ const titles = new Map();
 async function learnTitles() {
     const { series } = await fetch("/api/series").then(answer => answer.json(), () => ({ series: [] }));
     for (const one of series) {
-        titles.set(one.id, [one.description || one.folder, one.modality].filter(Boolean).join(", "));
+        titles.set(one.id, [one.description || one.folder, one.modality, one.dims.join(" x ")].filter(Boolean).join(", "));
     }
     const { volume } = open;
     if (volume !== null) {

@@ -8,7 +8,7 @@ const standing = new Map();
 
 /** Says something that goes away by itself. @param {string} text @param {"status" | "error"} [kind] */
 export function say(text, kind = "status") {
-    const notice = html("p", { class: `notice ${kind}`, role: kind === "error" ? "alert" : "status" }, text);
+    const notice = html("p", { class: `notice ${kind}`, ...(kind === "error" ? { role: "alert" } : {}) }, text);
     const notices = byId("notices");
     notices.append(notice);
     while (notices.childElementCount > 3) {
@@ -25,7 +25,7 @@ export function stand(name, text, button) {
     standing.get(name)?.remove();
     standing.delete(name);
     if (text !== null) {
-        const notice = html("p", { class: "notice", role: "status" }, text);
+        const notice = html("p", { class: "notice" }, text);
         if (button !== undefined) {
             notice.append(html("button", { type: "button", onclick: button.act }, button.label));
         }

@@ -26,16 +26,21 @@ export class Pane {
         this.index = index;
         this.canvas = html("canvas");
         this.element = html("section", {
-            class: "pane", tabIndex: 0, role: "group", "data-pane": index, "aria-label": names[index],
+            class: "pane", tabIndex: 0, role: "application", "data-pane": index, "aria-label": names[index],
             "aria-roledescription": "picture that turns", "aria-describedby": "pane-keys",
         }, this.canvas);
         byId("stage").append(this.element);
-        new ResizeObserver(([entry]) => {
+        const observer = new ResizeObserver(([entry]) => {
             const exact = entry.devicePixelContentBoxSize?.[0];
             this.#resize(exact?.inlineSize ?? Math.round(this.element.clientWidth * devicePixelRatio),
                 exact?.blockSize ?? Math.round(this.element.clientHeight * devicePixelRatio));
             onSize();
-        }).observe(this.canvas);
+        });
+        try {
+            observer.observe(this.canvas, { box: "device-pixel-content-box" });
+        } catch {
+            observer.observe(this.canvas);  // a browser that does not tell device pixels
+        }
     }
 
     /** CSS pixels for one pixel of the picture. */

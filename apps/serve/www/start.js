@@ -7,13 +7,13 @@ import { byId, html } from "./dom.js";
 const pollMs = 1000;
 
 /** @param {Series} series */
-const describe = series => [series.modality, `${series.dims.join(" x ")}`].filter(Boolean).join("  ");
+const describe = series => [series.description && series.folder, series.dims.join(" x ")].filter(Boolean).join(", ");
 
 /** @param {Series} series @param {(id: string) => void} choose */
 function card(series, choose) {
     const picture = html("img", { alt: "", width: 192, height: 192, decoding: "async" });
     const node = html("button", { type: "button", class: "card", "data-series": series.id, onclick: () => choose(series.id) }, picture,
-        html("strong", {}, series.description || series.folder || series.modality || "Series"), html("span", {}, describe(series)));
+        html("strong", {}, [series.modality, series.description || series.folder].filter(Boolean).join("  ") || "Series"), html("span", {}, describe(series)));
     return { node, picture };
 }
 

@@ -97,7 +97,7 @@ export class Store {
         this.state = { ...this.state, ...changes };
         this.moving = moving;
         if (moving) {
-            this.#settling = setTimeout(() => this.settle(), settleMs);
+            this.#settling = window.setTimeout(() => this.settle(), settleMs);
         }
         this.#tell();
     }
