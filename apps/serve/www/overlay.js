@@ -35,7 +35,7 @@ export class Overlay {
     /** @param {Pane} pane */
     constructor(pane) {
         this.pane = pane;
-        this.drawing = svg("svg", { class: "drawing" });
+        this.drawing = svg("svg", { class: "drawing", role: "group", "aria-label": "Handles" });
         this.marks = svg("g", { "aria-hidden": "true" });
         this.handles = svg("g");
         this.cross = svg("path", { class: "cross", d: "M-14 0H-4M4 0H14M0 -14V-4M0 4V14", "aria-hidden": "true" });
