@@ -196,11 +196,11 @@ export class Handles {
         const tip = this.overlay.place(add(middle, scale(plane.normal, -radius)));
         parts.disc.setAttribute("d", `M${points.join("L")}Z`);
         setAttributes(parts.stem, { x1: from.x, y1: from.y, x2: tip.x, y2: tip.y });
-        // Where the stem points at the viewer its end would cover the other handle.
-        const near = Math.hypot(tip.x - from.x, tip.y - from.y) < 24;
-        const rim = near ? { x: from.x, y: from.y - radius * this.#cssPerMm() } : tip;
-        setAttributes(parts.move, { transform: `translate(${from.x} ${from.y})` });
-        setAttributes(parts.tilt, { transform: `translate(${rim.x} ${rim.y})` });
+        // Where the stem points at the viewer its end covers the middle: the other handle makes room.
+        const isCovered = Math.hypot(tip.x - from.x, tip.y - from.y) < 24;
+        const below = isCovered ? radius * this.#cssPerMm() : 0;
+        setAttributes(parts.move, { transform: `translate(${from.x} ${from.y + below})` });
+        setAttributes(parts.tilt, { transform: `translate(${tip.x} ${tip.y})` });
     }
 
     // The disc stands for an endless plane; its size on the screen is the same at every zoom.

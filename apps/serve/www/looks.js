@@ -54,7 +54,9 @@ export function presetMenu() {
         }
         if (drawnFor !== volume.series) {
             drawnFor = volume.series;
-            const suited = hello.presets.filter(p => p.modality === volume.modality || p.name === volume.preset);
+            // Files may not say what made them; then the default preset does.
+            const modality = hello.presets.find(p => p.name === volume.preset)?.modality;
+            const suited = hello.presets.filter(p => p.modality === modality);
             const others = hello.presets.filter(p => !suited.includes(p));
             menu.replaceChildren(presetButtons(suited, volume.series));
             if (others.length > 0) {

@@ -41,7 +41,8 @@ function activePane() {
     return panes[paneModes(store.state).length > active ? active : 0];
 }
 
-// Scenes. Ids grow as long as the page lives, over connections too.
+// Scenes. Ids grow as long as the page lives, over connections too. The server takes them for the series that it opened.
+let isOpened = false;
 let sceneId = 0;
 let sentScene = "";
 let sentModes = "";
@@ -49,7 +50,7 @@ let sentModes = "";
 function sendScene() {
     const modes = paneModes(store.state);
     const { volume } = open;
-    if (volume === null || !connection.isOpen || panes.some((pane, i) => i < modes.length && !pane.isVisible)) {
+    if (volume === null || !isOpened || panes.some((pane, i) => i < modes.length && !pane.isVisible)) {
         return;
     }
     const scene = { moving: store.moving, ...sceneOf(store.state, volume, panes) };
@@ -70,6 +71,7 @@ function sendScene() {
 
 /** @param {string} id */
 function openSeries(id) {
+    isOpened = false;
     if (open.volume?.series !== id) {
         closeVolume();
     }
@@ -82,6 +84,7 @@ function openSeries(id) {
 
 // Pictures that still come are of the former volume.
 function closeVolume() {
+    isOpened = false;
     open.volume = null;
     sentScene = "";
     panes.forEach(pane => {
@@ -109,7 +112,6 @@ function showLoading(text, fraction) {
 const answers = {
     hello(message) {
         open.hello = message;
-        sentScene = "";
         const wanted = store.state.series ?? message.default;
         if (wanted === null) {
             startPage.show();
@@ -122,6 +124,8 @@ const answers = {
     },
     volume(/** @type {Volume} */ message) {
         open.volume = message;
+        isOpened = true;
+        sentScene = "";
         startPage.hide();
         if (message.complete) {
             showLoading(null, 1);
@@ -162,7 +166,10 @@ connection.onStatus = status => {
     if (status === "open") {
         stand("connection", null);
         learnTitles();
-    } else if (status === "lost") {
+        return;
+    }
+    isOpened = false;
+    if (status === "lost") {
         stand("connection", "The connection was cut. Trying again.", { label: "Now", act: () => connection.hurry() });
     } else {
         stand("connection", "The server was started anew. Open the link that it printed.");

@@ -8,6 +8,12 @@ import { paneEdge } from "./protocol.js";
 
 const names = ["Picture", "Second picture"];
 
+/** Device pixels of a length in CSS pixels: what the browser says, unless it is no rounding of theirs. @param {number} css @param {number} [exact] */
+function wholePixels(css, exact) {
+    const pixels = css * devicePixelRatio;
+    return exact !== undefined && Math.abs(exact - pixels) < 1 ? exact : Math.round(pixels);
+}
+
 export class Pane {
     /** Size of the picture that the pane wants, pixels. */
     width = 0;
@@ -32,8 +38,7 @@ export class Pane {
         byId("stage").append(this.element);
         const observer = new ResizeObserver(([entry]) => {
             const exact = entry.devicePixelContentBoxSize?.[0];
-            this.#resize(exact?.inlineSize ?? Math.round(this.element.clientWidth * devicePixelRatio),
-                exact?.blockSize ?? Math.round(this.element.clientHeight * devicePixelRatio));
+            this.#resize(wholePixels(this.element.clientWidth, exact?.inlineSize), wholePixels(this.element.clientHeight, exact?.blockSize));
             onSize();
         });
         try {
