@@ -410,7 +410,7 @@ test("the start page lists the series of a folder, and opens the one that is cho
     }
     const many = await serve(folder, "--show-names", "--port", "0");
     try {
-        const viewer = await Viewer.open(browser, many.link, { viewport: { width: 1100, height: 700 } });
+        const viewer = await Viewer.open(browser, many.link, { viewport: { width: 1100, height: 700 }, colorScheme: "dark" });
         const cards = viewer.page.locator(".card");
         await cards.nth(1).waitFor();
         assert.equal(await cards.count(), 2);
@@ -441,7 +441,7 @@ test("turning for a while leaves memory flat and the newest picture on the scree
     await viewer.close();
 });
 
-test("wide and narrow, light and dark: nothing is cut off", { timeout: 120_000 }, async () => {
+test("wide and narrow, light and dark: nothing is cut off", { timeout: 400_000 }, async () => {
     for (const [name, width, height, mobile] of /** @type {[string, number, number, boolean][]} */ ([["wide", 1360, 860, false], ["middle", 900, 700, false], ["narrow", 400, 800, true]])) {
         for (const colorScheme of /** @type {const} */ (["dark", "light"])) {
             const viewer = await Viewer.open(browser, server.link, { viewport: { width, height }, colorScheme, hasTouch: mobile, isMobile: mobile, deviceScaleFactor: mobile ? 2 : 1 });
@@ -453,7 +453,7 @@ test("wide and narrow, light and dark: nothing is cut off", { timeout: 120_000 }
                 .map(n => n.outerHTML.slice(0, 100)));
             assert.deepEqual(cut, []);
             assert.ok(await viewer.page.evaluate(() => document.documentElement.scrollWidth <= innerWidth));
-            await viewer.page.locator(".presets img.there").nth(5).waitFor();
+            await viewer.page.locator(".presets img.there").nth(5).waitFor({ state: "attached", timeout: 120_000 });
             await viewer.page.screenshot({ path: path.join(pictures, `${name}-${colorScheme}.png`) });
             if (mobile) {
                 await viewer.page.getByRole("button", { name: "Controls" }).click();

@@ -38,6 +38,7 @@ export function makeHelp() {
     return () => dialog.showModal();
 }
 
+const mouseHint = [["Drag", "to turn"], ["Wheel", "to zoom"], ["Right drag", "to adjust"], ["Click", "to mark"], ["?", "for all"]];
 const touchHint = [["Drag", "to turn"], ["Two fingers", "to zoom"], ["Three", "to adjust"], ["Tap", "to mark"]];
 const seenKey = "volr-hint-seen";
 
@@ -45,9 +46,8 @@ const seenKey = "volr-hint-seen";
 export function showHint() {
     const hint = byId("hint");
     hint.hidden = localStorage.getItem(seenKey) !== null;
-    if (matchMedia("(pointer: coarse)").matches) {
-        hint.replaceChildren(...touchHint.flatMap(([what, does]) => [html("b", {}, what), ` ${does} `]));
-    }
+    const texts = matchMedia("(pointer: coarse)").matches ? touchHint : mouseHint;
+    hint.replaceChildren(...texts.flatMap(([what, does]) => [html("span", {}, html("b", {}, what), ` ${does}`), " "]));
     byId("stage").addEventListener("pointerdown", () => {
         hint.hidden = true;
         localStorage.setItem(seenKey, "1");
