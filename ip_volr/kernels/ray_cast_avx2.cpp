@@ -74,6 +74,8 @@ struct Avx2Lanes {
     static Int bit_and_not(Int a, Int b) { return _mm256_andnot_si256(a, b); }
     static Int bit_or(Int a, Int b) { return _mm256_or_si256(a, b); }
     static Int bit_xor(Int a, Int b) { return _mm256_xor_si256(a, b); }
+    // The low 16 bits of `low` and the high 16 bits of `high`.
+    static Int low_and_high_16(Int low, Int high) { return _mm256_blend_epi16(low, high, 0xaa); }
     static Int greater(Int a, Int b) { return _mm256_cmpgt_epi32(a, b); }
     static Int select(Int mask, Int a, Int b) { return _mm256_blendv_epi8(b, a, mask); }
     static int mask(Int a) { return _mm256_movemask_ps(_mm256_castsi256_ps(a)); }
@@ -125,21 +127,27 @@ struct Avx2Lanes {
         return _mm256_srai_epi32(_mm256_slli_epi32(words, 24), 24);
     }
 
-    // Two words of lanes 2i (low) and 2i + 1 (high), whose indices share 64 bits. Plain loads beat the gather.
-    static __m128i load_2_of_2(const std::uint32_t* words, std::uint64_t indices) {
-        const __m128i low = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(words + (indices & 0xffffffff)));
-        const auto* const high = reinterpret_cast<const __m64*>(words + (indices >> 32));
+    // 64 bits for each of lanes 2i (low) and 2i + 1 (high), whose indices share 64 bits. Plain loads beat the gather.
+    template <class T>
+    static __m128i load_2_of_2(const T* elements, std::uint64_t indices) {
+        const __m128i low = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(elements + (indices & 0xffffffff)));
+        const auto* const high = reinterpret_cast<const __m64*>(elements + (indices >> 32));
         return _mm_castps_si128(_mm_loadh_pi(_mm_castsi128_ps(low), high));
     }
 
     // words[index] and words[index + 1] of each lane.
     static void load_2(const std::uint32_t* words, Int index, Int& first, Int& second) {
+        load_halves(words, index, first, second);
+    }
+    // The low and the high half of the 64 bits at elements + index of each lane.
+    template <class T>
+    static void load_halves(const T* elements, Int index, Int& first, Int& second) {
         const __m128i low = _mm256_castsi256_si128(index);
         const __m128i high = _mm256_extracti128_si256(index, 1);
-        const __m128i lanes_01 = load_2_of_2(words, static_cast<std::uint64_t>(_mm_cvtsi128_si64(low)));
-        const __m128i lanes_23 = load_2_of_2(words, static_cast<std::uint64_t>(_mm_extract_epi64(low, 1)));
-        const __m128i lanes_45 = load_2_of_2(words, static_cast<std::uint64_t>(_mm_cvtsi128_si64(high)));
-        const __m128i lanes_67 = load_2_of_2(words, static_cast<std::uint64_t>(_mm_extract_epi64(high, 1)));
+        const __m128i lanes_01 = load_2_of_2(elements, static_cast<std::uint64_t>(_mm_cvtsi128_si64(low)));
+        const __m128i lanes_23 = load_2_of_2(elements, static_cast<std::uint64_t>(_mm_extract_epi64(low, 1)));
+        const __m128i lanes_45 = load_2_of_2(elements, static_cast<std::uint64_t>(_mm_cvtsi128_si64(high)));
+        const __m128i lanes_67 = load_2_of_2(elements, static_cast<std::uint64_t>(_mm_extract_epi64(high, 1)));
         const __m256 a = _mm256_castsi256_ps(_mm256_inserti128_si256(_mm256_castsi128_si256(lanes_01), lanes_45, 1));
         const __m256 b = _mm256_castsi256_ps(_mm256_inserti128_si256(_mm256_castsi128_si256(lanes_23), lanes_67, 1));
         first = _mm256_castps_si256(_mm256_shuffle_ps(a, b, 0x88));

@@ -35,7 +35,6 @@ template <class Lanes>
 struct LaneState {
     using Int = typename Lanes::Int;
     Int x, y, z;       // position in the brick
-    Int count;         // step count
     Int transparency;  // 16 bits
     Int light_br;      // light of this brick: blue in the low, red in the high 16 bits
     Int light_g;       // green in the high 16 bits
@@ -86,21 +85,19 @@ class RayCaster {
         Int zero = Lanes::hide(Lanes::set(0));
         Int one = Lanes::hide(Lanes::set(1));
         Int low_bits = Lanes::hide(Lanes::set(0xffff));
-        Int high_bits = Lanes::hide(Lanes::set(-0x10000));
         Int strides = Lanes::hide(Lanes::set(kPairPlane << 16 | kPairRow));
         Int weight_one = Lanes::hide(Lanes::set(kWeightOne));
         Int green = Lanes::hide(Lanes::set(-0x1000000));
         Int opacity = Lanes::hide(Lanes::set(0xff0000));
         Float unit = Lanes::hide(Lanes::set(1.0f / 65536.0f));
         Float value_unit = Lanes::hide(Lanes::set(1.0f / kWeightOne));
-        Int increment_x, increment_y, increment_z, step;
+        Int increment_x, increment_y, increment_z;
         Int value_offset, table_last, transparency_threshold, shading_threshold, ambient;
 
         explicit Constants(const RayCastJob& job)
             : increment_x(Lanes::hide(Lanes::set(job.frame->increment[0]))),
               increment_y(Lanes::hide(Lanes::set(job.frame->increment[1]))),
               increment_z(Lanes::hide(Lanes::set(job.frame->increment[2]))),
-              step(Lanes::hide(Lanes::set(job.frame->step))),
               value_offset(Lanes::hide(Lanes::set(job.value_offset))),
               table_last(Lanes::hide(Lanes::set(job.frame->table_last))),
               transparency_threshold(Lanes::hide(Lanes::set(job.frame->transparency_threshold))),
@@ -130,29 +127,40 @@ public:
             find_runs_from(first);
         }
         gather_runs();
-        const Constants constants(m_Job);
-        State state = idle_state();
-        int idle = kAllLanes;
-        for (;;) {
-            idle = fill_lanes(state, idle);
-            if (idle == kAllLanes) {
-                break;
-            }
-            Int over;
-            do {
-                take_samples(constants, state);
-                over = Lanes::greater(constants.one, state.run);
-            } while (Lanes::mask(over) == 0 && m_NumQueued < kFullQueue);
-            idle |= empty_lanes(state, over);
-            if (m_NumQueued >= kFullQueue) {
-                shade_full_vectors();
-            }
+        // The common cases have loops without the others' questions.
+        if (m_Job.has_tissues || !m_Job.has_simple_weights) {
+            sample_runs<false, true>();
+        } else if (m_Frame.shading) {
+            sample_runs<true, true>();
+        } else {
+            sample_runs<true, false>();
         }
         shade_queue(m_NumQueued);
         store_rays();
     }
 
 private:
+    template <bool is_plain, bool is_shaded>
+    void sample_runs() {
+        const Constants constants(m_Job);
+        State state = idle_state();
+        int idle = kAllLanes;
+        for (;;) {
+            idle = fill_lanes(state, idle);
+            if (idle == kAllLanes) {
+                return;
+            }
+            Int over;
+            do {
+                over = take_samples<is_plain, is_shaded>(constants, state);
+            } while (Lanes::mask(over) == 0 && (!is_shaded || m_NumQueued < kFullQueue));
+            idle |= empty_lanes(state, over);
+            if (is_shaded && m_NumQueued >= kFullQueue) {
+                shade_full_vectors();
+            }
+        }
+    }
+
     // ---- Rays ----
 
     void load_rays() {
@@ -186,7 +194,7 @@ private:
     // A lane without a ray: nothing it does leaves a trace, and its run does not end.
     static State idle_state() {
         const Int zero = Lanes::set(0);
-        return {zero, zero, zero, zero, Lanes::set(0xffff), zero, zero, Lanes::set(kEndless), zero};
+        return {zero, zero, zero, Lanes::set(0xffff), zero, zero, Lanes::set(kEndless), zero};
     }
 
     // Gives idle lanes rays that have a run. Returns the lanes that stay idle.
@@ -201,11 +209,11 @@ private:
             state.x = Lanes::select(only, Lanes::set(m_Rays.x[slot]), state.x);
             state.y = Lanes::select(only, Lanes::set(m_Rays.y[slot]), state.y);
             state.z = Lanes::select(only, Lanes::set(m_Rays.z[slot]), state.z);
-            state.count = Lanes::select(only, Lanes::set(m_Rays.count[slot]), state.count);
             state.transparency = Lanes::select(only, Lanes::set(m_Rays.transparency[slot]), state.transparency);
             state.run = Lanes::select(only, Lanes::set(m_Runs[m_NextRun]), state.run);
             state.live = Lanes::bit_or(state.live, only);
             m_Slot[lane] = slot;
+            m_LaneRuns[lane] = m_Runs[m_NextRun];
             m_NextRun++;
             idle &= idle - 1;
         }
@@ -218,22 +226,20 @@ private:
         if (lanes == 0) {
             return 0;
         }
-        alignas(32) std::int32_t x[kCount], y[kCount], z[kCount], count[kCount], transparency[kCount];
+        alignas(32) std::int32_t run[kCount], transparency[kCount];
         alignas(32) std::uint32_t light_br[kCount], light_g[kCount];
-        Lanes::store(x, state.x);
-        Lanes::store(y, state.y);
-        Lanes::store(z, state.z);
-        Lanes::store(count, state.count);
+        Lanes::store(run, state.run);
         Lanes::store(transparency, state.transparency);
         Lanes::store(light_br, state.light_br);
         Lanes::store(light_g, state.light_g);
         for (int left = lanes; left != 0; left &= left - 1) {
             const int lane = __builtin_ctz(static_cast<unsigned>(left));
             const int slot = m_Slot[lane];
-            m_Rays.x[slot] = x[lane];
-            m_Rays.y[slot] = y[lane];
-            m_Rays.z[slot] = z[lane];
-            m_Rays.count[slot] = count[lane];
+            const int num_samples = m_LaneRuns[lane] - run[lane];
+            m_Rays.x[slot] += num_samples * m_Frame.increment[0];
+            m_Rays.y[slot] += num_samples * m_Frame.increment[1];
+            m_Rays.z[slot] += num_samples * m_Frame.increment[2];
+            m_Rays.count[slot] += num_samples * m_Frame.step;
             m_Rays.transparency[slot] = transparency[lane];
             Lanes::add_to_sums(m_Work.sums[slot], light_br[lane], light_g[lane] >> 16);
             m_Waiting[m_NumWaiting++] = slot;
@@ -415,9 +421,9 @@ private:
 
     IP_VOLR_HOT static Cell locate(const Constants& k, Int x, Int y, Int z) {
         // y in the low and z in the high 16 bits, times their strides.
-        const Int yz = Lanes::bit_or(Lanes::template shift_right<16>(y), Lanes::bit_and(z, k.high_bits));
+        const Int yz = Lanes::low_and_high_16(Lanes::template shift_right<16>(y), z);
         const Int row = Lanes::madd(yz, k.strides);
-        const Int f = Lanes::template shift_right<16 - kWeightBits>(Lanes::bit_and(y, k.low_bits));
+        const Int f = Lanes::mul_high_16(y, k.weight_one);  // the upper halves are multiplied by 0
         return {Lanes::add(Lanes::template shift_right<16>(x), row),
                 Lanes::add(Lanes::template shift_left<16>(f), Lanes::sub(k.weight_one, f)),
                 Lanes::mul(Lanes::to_float(Lanes::bit_and(x, k.low_bits)), k.unit),
@@ -463,37 +469,37 @@ private:
         return Lanes::template shift_left<16>(tissue);
     }
 
-    // Takes one sample in every lane and moves on.
-    IP_VOLR_HOT void take_samples(const Constants& k, State& state) {
+    // Takes one sample in every lane and moves on. Returns the lanes whose run is over, by its length or because the
+    // ray has faded. In plain bricks no tissue is looked up and the ambient light has one weight of 16 bits.
+    template <bool is_plain, bool is_shaded>
+    IP_VOLR_HOT Int take_samples(const Constants& k, State& state) {
         // Classify.
         Cell cell = locate(k, state.x, state.y, state.z);
         cell.index = Lanes::bit_and(state.live, cell.index);  // idle lanes drift
         const Int value = Lanes::add(sample_value(k, cell), k.value_offset);
         const Int index = Lanes::max(k.zero, Lanes::min(value, k.table_last));
-        const Int tissue = sample_tissue(state);
+        const Int tissue = is_plain ? Lanes::set(m_TissueBits) : sample_tissue(state);
+        const bool has_tissues = !is_plain && m_Job.has_tissues;
         Entry entry;
-        Lanes::load_2(reinterpret_cast<const std::uint32_t*>(m_Entries),
-                      Lanes::template shift_left<1>(m_Job.has_tissues ? Lanes::add(tissue, index) : index),
-                      entry.blue_red, entry.rest);
+        Lanes::load_halves(m_Entries, has_tissues ? Lanes::add(tissue, index) : index, entry.blue_red, entry.rest);
         entry.rest = Lanes::bit_and(state.live, entry.rest);
 
         // Composite. Nothing is left of the light in the upper halves: there is no transparency in them.
         state.run = Lanes::sub(state.run, k.one);
+        Int over = Lanes::greater(k.one, state.run);
         const Int behind = Lanes::mul_high_16(state.transparency, entry.rest);
         const Int weight = Lanes::keep_where_not_zero_16(entry.rest, Lanes::sub(state.transparency, behind));
         if (Lanes::mask(Lanes::greater(weight, k.zero)) != 0) {
             state.transparency = Lanes::sub(state.transparency, weight);
-            add_light(k, state, entry, weight, Lanes::bit_or(tissue, index));
-            // A faded ray has no run left.
-            const Int faded = Lanes::greater(k.transparency_threshold, state.transparency);
-            state.run = Lanes::bit_and_not(faded, state.run);
+            add_light<is_plain, is_shaded>(k, state, entry, weight, Lanes::bit_or(tissue, index));
+            over = Lanes::bit_or(over, Lanes::greater(k.transparency_threshold, state.transparency));
         }
 
         // Advance.
         state.x = Lanes::add(state.x, k.increment_x);
         state.y = Lanes::add(state.y, k.increment_y);
         state.z = Lanes::add(state.z, k.increment_z);
-        state.count = Lanes::add(state.count, k.step);
+        return over;
     }
 
     // ---- Light ----
@@ -534,11 +540,12 @@ private:
     }
 
     // Light of one sample in every lane; the samples to be shaded go to the queue.
+    template <bool is_plain, bool is_shaded>
     IP_VOLR_HOT void add_light(const Constants& k, State& state, const Entry& entry, Int weight, Int table_index) {
         const Int weight_2 = duplicate_16(weight);
         const Int blue_red = Lanes::mul_high_16(entry.blue_red, weight_2);
         const Int green = Lanes::mul_high_16(Lanes::bit_and(entry.rest, k.green), weight_2);
-        if (m_Job.has_simple_weights) {
+        if (is_plain || m_Job.has_simple_weights) {
             state.light_br = Lanes::add_saturated_16(state.light_br, Lanes::mul_high_16(blue_red, k.ambient));
             state.light_g = Lanes::add_saturated_16(state.light_g, Lanes::mul_high_16(green, k.ambient));
         } else {
@@ -547,6 +554,9 @@ private:
             const Int high = duplicate_16(Lanes::template shift_right<16>(ambient));
             state.light_br = Lanes::add_saturated_16(state.light_br, multiply_16(high, low, blue_red));
             state.light_g = Lanes::add_saturated_16(state.light_g, multiply_16(high, low, green));
+        }
+        if (!is_shaded) {
+            return;
         }
         const Int decider = m_Frame.weight_decides_shading ? weight : Lanes::bit_and(entry.rest, k.opacity);
         const int shaded = Lanes::mask(Lanes::greater(decider, k.shading_threshold));
@@ -709,7 +719,7 @@ private:
     int m_NumRuns = 0;
     int m_NumWaiting = 0;  // rays whose last run is over
     std::int32_t m_RunSlots[RayTable::kCount], m_Runs[RayTable::kCount], m_Waiting[RayTable::kCount];
-    std::int32_t m_Slot[kCount];  // ray of each lane
+    std::int32_t m_Slot[kCount], m_LaneRuns[kCount];  // ray of each lane and the length of its run
     alignas(32) RayTable m_Rays;
 };
 

@@ -74,6 +74,8 @@ struct Sse41Lanes {
     static Int bit_and_not(Int a, Int b) { return _mm_andnot_si128(a, b); }
     static Int bit_or(Int a, Int b) { return _mm_or_si128(a, b); }
     static Int bit_xor(Int a, Int b) { return _mm_xor_si128(a, b); }
+    // The low 16 bits of `low` and the high 16 bits of `high`.
+    static Int low_and_high_16(Int low, Int high) { return _mm_blend_epi16(low, high, 0xaa); }
     static Int greater(Int a, Int b) { return _mm_cmpgt_epi32(a, b); }
     static Int select(Int mask, Int a, Int b) { return _mm_blendv_epi8(b, a, mask); }
     static int mask(Int a) { return _mm_movemask_ps(_mm_castsi128_ps(a)); }
@@ -120,12 +122,17 @@ struct Sse41Lanes {
 
     // words[index] and words[index + 1] of each lane.
     static void load_2(const std::uint32_t* words, Int index, Int& first, Int& second) {
-        const __m128 a = load_2_of_2(words + lane(index, 0), words + lane(index, 1));
-        const __m128 b = load_2_of_2(words + lane(index, 2), words + lane(index, 3));
+        load_halves(words, index, first, second);
+    }
+    // The low and the high half of the 64 bits at elements + index of each lane.
+    template <class T>
+    static void load_halves(const T* elements, Int index, Int& first, Int& second) {
+        const __m128 a = load_2_of_2(elements + lane(index, 0), elements + lane(index, 1));
+        const __m128 b = load_2_of_2(elements + lane(index, 2), elements + lane(index, 3));
         first = _mm_castps_si128(_mm_shuffle_ps(a, b, 0x88));
         second = _mm_castps_si128(_mm_shuffle_ps(a, b, 0xdd));
     }
-    static __m128 load_2_of_2(const std::uint32_t* low, const std::uint32_t* high) {
+    static __m128 load_2_of_2(const void* low, const void* high) {
         const __m128i lower = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(low));
         return _mm_loadh_pi(_mm_castsi128_ps(lower), reinterpret_cast<const __m64*>(high));
     }
