@@ -12,9 +12,7 @@ IP_ClipCalculator::IP_ClipCalculator(IP_ClipManager* manager) {
     manager->ResetIterator();
     for (IP_ClippingPlane* plane = manager->GetNextPlane(); plane != nullptr; plane = manager->GetNextPlane()) {
         if (plane->IsActive() && !plane->IsReference()) {
-            Plane copy;
-            plane->GetPlaneEq(copy.eq);
-            m_Planes.push_back(copy);
+            plane->GetPlaneEq(m_Planes.emplace_back().eq);
         }
     }
 }

@@ -48,8 +48,8 @@ std::vector<ClipPlane> PlanesOf(const Slab& slab, const Camera& camera) {
     return planes;
 }
 
-Projection::Projection(VolumeSource& source, bool linear) : m_Source(source), m_Linear(linear) {
-    m_Volume = std::make_shared<IP_VolData>(*source.Volume());
+Projection::Projection(VolumeSource& source, bool linear)
+    : m_Source(source), m_Linear(linear), m_Volume(std::make_shared<IP_VolData>(*source.Volume())) {
     *m_Volume->GetBox() = ProjectionBox(source.Info());
     m_Params.m_VolData = std::make_shared<IP_MultiVolData>();
     m_Params.m_VolData->AddVolData(m_Volume);

@@ -22,7 +22,7 @@ std::unique_ptr<Slice> NewSlice(const PixelDataAttributes& attributes, unsigned 
     }
     auto slice = std::make_unique<Slice>(info.get(), attributes, 0);
     slice->SetOwnsData(true);
-    info.release();
+    static_cast<void>(info.release());  // the slice owns it
     return slice;
 }
 

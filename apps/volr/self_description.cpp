@@ -77,8 +77,8 @@ std::string CompletionScript(const CLI::App& app) {
     }
     std::string value_cases;
     for (const auto& [name, choices] : values) {
-        value_cases +=
-            "        " + name + ") COMPREPLY=($(compgen -W \"" + choices + "\" -- \"$current\")); return ;;\n";
+        value_cases.append("        ").append(name).append(") COMPREPLY=($(compgen -W \"");
+        value_cases.append(choices).append("\" -- \"$current\")); return ;;\n");
     }
     return "# Completion of volr: source this file from bash, or from zsh after autoload bashcompinit && "
            "bashcompinit.\n"

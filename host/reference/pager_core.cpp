@@ -241,17 +241,16 @@ void PagerCore::SetFaults(const PagerFaults& faults) {
 
 // Under the mutex. Null when even a record does not fit into memory.
 MEM_BlockRecord* PagerCore::NewRecord() {
-    if (m_Unused == nullptr) {
-        try {
-            return &m_Records.emplace_back();
-        } catch (const std::bad_alloc&) {
-            return nullptr;
-        }
+    if (MEM_BlockRecord* const record = m_Unused) {
+        m_Unused = record->newer;
+        record->newer = nullptr;
+        return record;
     }
-    MEM_BlockRecord* const record = m_Unused;
-    m_Unused = record->newer;
-    record->newer = nullptr;
-    return record;
+    try {
+        return &m_Records.emplace_back();
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
 }
 
 bool PagerCore::RefusesAllocation(std::uint64_t bytes) {

@@ -99,6 +99,7 @@ std::vector<Part> PartBy(const Part& part, const Criterion& criterion) {
         target.note = part.note + (part.note.empty() ? "" : ", ") + criterion.name + " " + value;
     }
     std::vector<Part> parts;
+    parts.reserve(by_value.size());
     for (auto& [value, own] : by_value) {
         parts.push_back(std::move(own));
     }
@@ -124,6 +125,7 @@ bool AreSeparateAcquisitions(const Frames& sorted) {
         return false;
     }
     std::vector<Interval> ordered;
+    ordered.reserve(intervals.size());
     for (const auto& [acquisition, interval] : intervals) {
         ordered.push_back(interval);
     }
@@ -274,10 +276,8 @@ const DicomStack& ChooseStack(const std::vector<DicomStack>& stacks, const Impor
 }
 
 std::vector<SeriesInfo> Describe(const std::vector<DicomStack>& stacks) {
-    std::vector<SeriesInfo> series;
-    for (const DicomStack& stack : stacks) {
-        series.push_back(stack.info);
-    }
+    std::vector<SeriesInfo> series(stacks.size());
+    std::transform(stacks.begin(), stacks.end(), series.begin(), [](const DicomStack& stack) { return stack.info; });
     return series;
 }
 

@@ -13,8 +13,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <new>
 
 #include "scene/import/volume_archive.h"
@@ -125,12 +125,7 @@ private:
 // What the process has mapped already, in bytes.
 std::size_t MappedBytes() {
     unsigned long long pages = 0;
-    if (FILE* const statm = std::fopen("/proc/self/statm", "r")) {
-        if (std::fscanf(statm, "%llu", &pages) != 1) {
-            pages = 0;
-        }
-        std::fclose(statm);
-    }
+    std::ifstream("/proc/self/statm") >> pages;
     return static_cast<std::size_t>(pages) * static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
 }
 

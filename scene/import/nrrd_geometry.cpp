@@ -1,5 +1,6 @@
 #include "scene/import/nrrd_geometry.h"
 
+#include <algorithm>
 #include <charconv>
 #include <sstream>
 
@@ -16,8 +17,7 @@ struct Space {
 };
 
 Space SpaceOf(std::string name) {
-    const std::size_t time = name.find("-time");
-    name = name.substr(0, time);
+    name.resize(std::min(name.size(), name.find("-time")));
     if (name == "left-posterior-superior" || name == "lps" || name == "lpst") {
         return {{1, 1, 1}, true};
     }
