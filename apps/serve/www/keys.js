@@ -85,7 +85,13 @@ export const bindings = [
 
 /** @param {Actions} actions */
 export function listenToKeys(actions) {
+    // The cross of keyboard picks is there for whoever uses the keyboard.
+    const { classList } = document.documentElement;
+    document.addEventListener("pointerdown", () => classList.remove("keyboard"));
     document.addEventListener("keydown", event => {
+        if ([...arrows, "Tab", "Enter"].includes(event.key)) {
+            classList.add("keyboard");
+        }
         const target = /** @type {HTMLElement} */ (event.target);
         const onPane = target === document.body || target.classList.contains("pane");
         if (event.ctrlKey || event.metaKey || event.defaultPrevented || document.querySelector("dialog[open]") !== null ||

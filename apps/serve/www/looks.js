@@ -25,7 +25,7 @@ function loadPatiently(image, url) {
     image.onload = () => image.classList.add("there");
     image.onerror = () => setTimeout(() => {
         if (image.isConnected && image.dataset.url === url) {
-            image.src = `${url}&again=${Date.now()}`;
+            image.src = url;
         }
     }, retryMs);
     image.src = url;

@@ -120,7 +120,8 @@ const answers = {
         }
     },
     opening({ fraction, slices, of }) {
-        showLoading(fraction < 1 ? `Loading: ${slices} of ${of} slices` : null, fraction);
+        const isDone = fraction >= 1 && panes[0].shown !== null;
+        showLoading(isDone ? null : fraction < 1 ? `Loading: ${slices} of ${of} slices` : "Drawing", fraction);
     },
     volume(/** @type {Volume} */ message) {
         open.volume = message;
@@ -128,7 +129,7 @@ const answers = {
         sentScene = "";
         startPage.hide();
         if (message.complete) {
-            showLoading(null, 1);
+            showLoading(panes[0].shown === null ? "Drawing" : null, 1);
         }
         byId("title").textContent = titles.get(message.series) ?? message.modality;
         const known = message.tissues.map(t => t.label).join() === store.state.tissues.map(t => t.label).join();
@@ -258,6 +259,11 @@ function moveCross(dx, dy) {
 }
 
 furnish();
+byId("stage").addEventListener("picture", () => {
+    if (open.volume?.complete) {
+        showLoading(null, 1);
+    }
+});
 panes.forEach((pane, i) => {
     listen(pane, (at, vessel) => pickAt(connection, overlays[i], at, vessel));
     const use = () => {

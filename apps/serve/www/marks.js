@@ -10,7 +10,7 @@ import { positionText } from "./volume.js";
 
 /** What markups and tables call the ends of a mark. @param {Mark} mark */
 export function pointsOf(mark) {
-    const kind = mark.kind === "vessel" ? `vessel, ${mark.vesselClass}, ${amountOf(mark)}` : `${mark.kind} ${amountOf(mark)}`;
+    const kind = mark.kind === "vessel" ? `vessel, ${mark.vesselClass}, ${amountOf(mark)} along the line of sight` : `${mark.kind} ${amountOf(mark)}`;
     return mark.end === undefined
         ? [{ label: mark.label, position: mark.position, description: kind }]
         : [{ label: `${mark.label} start`, position: mark.position, description: kind },
@@ -24,7 +24,7 @@ function item(mark, index) {
         store.update({ marks: store.state.marks.map((m, i) => (i === index ? { ...m, label } : m)) });
     };
     const remove = () => store.update({ marks: store.state.marks.filter((_, i) => i !== index) });
-    const kind = mark.kind === "vessel" ? `Vessel, ${mark.vesselClass}: ` : "";
+    const kind = mark.kind === "vessel" ? `Vessel, ${mark.vesselClass}, ` : "";
     return html("li", { class: `mark ${mark.kind}` },
         html("input", { type: "text", value: mark.label, maxLength: 40, "aria-label": `Name of ${mark.label}`, onchange: rename }),
         html("span", { class: "amount" }, `${kind}${amountOf(mark)}`),

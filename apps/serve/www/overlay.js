@@ -20,13 +20,13 @@ export function scaleBarMm(widthMm) {
 /** @param {number} mm */
 const lengthText = mm => (mm >= 10 ? `${mm / 10} cm` : `${mm} mm`);
 
-/** @param {Mark} mark */
+/** What is known of a mark, in few words. @param {Mark} mark */
 export const amountOf = mark => {
     if (mark.kind === "distance" && mark.end !== undefined) {
         return `${Math.hypot(...mark.position.map((p, i) => p - (mark.end?.[i] ?? p))).toFixed(1)} mm`;
     }
     if (mark.kind === "vessel") {
-        return `${mark.length?.toFixed(1)} mm across`;
+        return `${mark.length?.toFixed(1)} mm`;
     }
     return mark.value === undefined ? "" : `${Math.round(mark.value)} ${open.volume?.unit ?? ""}`.trim();
 };

@@ -37,7 +37,8 @@ function keep(mark) {
         return;
     }
     store.update({ marks: [...store.state.marks, mark] });
-    say(`${mark.label}: ${positionText(mark.position)}, ${amountOf(mark)}${mark.vesselClass ? `, ${mark.vesselClass}` : ""}`);
+    const vessel = mark.kind === "vessel" ? `vessel, ${mark.vesselClass}, ` : "";
+    say(`${mark.label}: ${vessel}${amountOf(mark)}, at ${positionText(mark.position)}`);
 }
 
 /** @param {Overlay} overlay @param {{x: number, y: number}} at pixels */
