@@ -318,7 +318,11 @@ std::optional<ParsedDicom> ParseDicom(const std::string& path) {
     for (std::size_t wanted = kFirstRead;; wanted *= 8) {
         ParsedDicom file;
         file.file_bytes = file_bytes;
-        ReadMore(stream, file_bytes, file.bytes, wanted);
+        if (wanted == kFirstRead) {
+            file.bytes = std::move(bytes);
+        } else {
+            ReadMore(stream, file_bytes, file.bytes, wanted);
+        }
         try {
             ParseBytes(file, *start);
             return file;
