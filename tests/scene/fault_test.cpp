@@ -4,10 +4,12 @@
 
 #include <algorithm>
 #include <memory>
+#include <numeric>
 #include <optional>
 #include <vector>
 
 #include "scene/error.h"
+#include "scene/growing_source.h"
 #include "scene/phantom.h"
 #include "scene/presets.h"
 #include "scene/projection.h"
@@ -123,6 +125,44 @@ TEST(SceneFaults, LoadingAVolume) {
         return BytesOf(*source.Volume(), 40 * 36 * 2);
     });
     Sweep(sweep, kNothing, [](World& world) { return world.source.RelativeWindow(); });
+}
+
+TEST(SceneFaults, LoadingAVolumeThatGrows) {
+    constexpr std::size_t kSliceBytes = 40 * 36 * 2;
+    std::vector<int> all(20);
+    std::iota(all.begin(), all.end(), 0);
+    VolumeSource at_once(Imported(SmallPhantom().voxels, true));
+    const auto expected = BytesOf(*at_once.Volume(), kSliceBytes);
+    FaultSweep sweep;
+    sweep.run([&](FaultPoint& point) {
+        const ImportedVolume layout = Imported(SmallPhantom().voxels, true);
+        std::unique_ptr<scene::GrowingSource> growing;
+        const auto grow = [&] {
+            try {
+                growing = growing != nullptr ? std::move(growing) : std::make_unique<scene::GrowingSource>(layout);
+                growing->Take(all);
+            } catch (const scene::Error&) {
+            }
+        };
+        point.run(grow);
+        EXPECT_NE(growing != nullptr && growing->NumArrived() == 20, point.came());
+        grow();
+        ASSERT_EQ(growing->NumArrived(), 20);
+        EXPECT_EQ(BytesOf(*growing->Volume(), kSliceBytes), expected);
+    });
+    sweep.run([&](FaultPoint& point) {
+        scene::GrowingSource growing(Imported(SmallPhantom().voxels, true));
+        growing.Take({0, 7, 3});
+        std::unique_ptr<VolumeSource> whole;
+        point.run([&] {
+            try {
+                whole = growing.Finish(Imported(SmallPhantom().voxels, true));
+            } catch (const scene::Error&) {
+            }
+        });
+        EXPECT_EQ(whole == nullptr, point.came());
+        EXPECT_TRUE(whole == nullptr || BytesOf(*whole->Volume(), kSliceBytes) == expected);
+    });
 }
 
 TEST(SceneFaults, LoadingLabels) {
