@@ -426,7 +426,7 @@ test("the start page lists the series of a folder, and opens the one that is cho
     }
 });
 
-test("turning for a while leaves memory flat and the newest picture on the screen", { timeout: 120_000 }, async () => {
+test("turning for a while leaves memory flat and the newest picture on the screen", { timeout: 400_000 }, async () => {
     const viewer = await Viewer.open(browser, server.link);
     await viewer.rest();
     const memory = await turnFor(viewer, server, 20);
