@@ -70,7 +70,7 @@ function checked(given) {
         box: box(given.box) ?? start.box,
         planes: list(given.planes, mostPlanes, plane),
         tissues: list(given.tissues, 255, tissue),
-        budgetMs: number(given.budgetMs, 8, 500, start.budgetMs),
+        budgetMs: finite(given.budgetMs) ? clamp(given.budgetMs, 8, 500) : null,
         marks: list(given.marks, mostMarks, mark),
     };
 }

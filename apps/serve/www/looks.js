@@ -135,7 +135,7 @@ export function slabSection() {
 export function speedSection() {
     const budget = slider({
         label: "Time for a picture while it moves", unit: "ms", step: 1, range: () => [8, 200],
-        get: s => s.budgetMs, set: value => ({ budgetMs: value }),
+        get: s => s.budgetMs ?? open.hello?.limits.budgetMs ?? 33, set: value => ({ budgetMs: value }),
     });
     const rate = html("p", { class: "quiet", id: "rate" }, "Turn the picture to see how fast it is drawn.");
     return {

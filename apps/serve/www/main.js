@@ -121,7 +121,7 @@ const answers = {
     },
     opening({ fraction, slices, of }) {
         const isDone = fraction >= 1 && panes[0].shown !== null;
-        showLoading(isDone ? null : fraction < 1 ? `Loading: ${slices} of ${of} slices` : "Drawing", fraction);
+        showLoading(isDone ? null : fraction >= 1 ? "Drawing" : of > 0 ? `Loading: ${slices} of ${of} slices` : "Loading", fraction);
     },
     volume(/** @type {Volume} */ message) {
         open.volume = message;

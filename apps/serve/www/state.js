@@ -37,7 +37,7 @@ import { startCamera } from "./camera.js";
  * @property {[number, number, number, number, number, number]} box fractions of columns, rows, slices, from and to
  * @property {Plane[]} planes
  * @property {Tissue[]} tissues
- * @property {number} budgetMs
+ * @property {number | null} budgetMs for a moving picture; null: the server's own
  * @property {Mark[]} marks
  * @property {Tool} tool
  * @property {boolean} cutting whether the handles of box and planes are shown
@@ -63,7 +63,7 @@ export const startState = () =>
         box: [0, 1, 0, 1, 0, 1],
         planes: [],
         tissues: [],
-        budgetMs: 33,
+        budgetMs: null,
         marks: [],
         tool: "point",
         cutting: false,
