@@ -63,7 +63,7 @@ const { height } = await viewer.bounds();
 await viewer.page.setViewportSize({ width: edge, height: edge + 100 + Math.round(edge - height) });
 await viewer.page.evaluate(record);
 const size = await viewer.bounds();
-console.log(`phantom ${values.size}, picture ${size.width}x${size.height}, time for a moving picture ${(await viewer.state()).budgetMs} ms`);
+console.log(`phantom ${values.size}, picture ${size.width}x${size.height}`);
 console.log("picture    moves  pictures/s   median ms  95 % ms   sharp ms   engine ms (draw + encode)  median / engine");
 for (const [name, changes] of /** @type {[string, object][]} */ ([
     ["MIP", { mode: "mip" }], ["ct-angio", { mode: "render", preset: "ct-angio" }], ["ct-bone", { mode: "render", preset: "ct-bone" }],
