@@ -3,6 +3,8 @@
 import { lookAt, startCamera, turned, views } from "./camera.js";
 import { adjust, moveSlab, pan, zoom } from "./gestures.js";
 import { startState, store } from "./state.js";
+import { startTissues } from "./tissues.js";
+import { open } from "./volume.js";
 
 /** @typedef {import("./panes.js").Pane} Pane */
 /** @typedef {import("./state.js").Mode} Mode */
@@ -25,9 +27,9 @@ export const resetView = () => store.update({ camera: startCamera() });
 
 /** Everything as a new series starts. */
 export function resetAll() {
-    const { series, marks, tool, cutting, budgetMs, tissues } = store.state;
-    const fresh = tissues.map(t => ({ ...t, visible: true, opacity: 1 }));
-    store.update({ ...startState(), series, marks, tool, cutting, budgetMs, tissues: fresh, mode: store.state.mode });
+    const { series, marks, tool, cutting, budgetMs, mode } = store.state;
+    const tissues = open.volume === null ? [] : startTissues(open.volume);
+    store.update({ ...startState(), series, marks, tool, cutting, budgetMs, mode, tissues });
 }
 
 /** @param {Mode} mode */

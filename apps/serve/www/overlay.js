@@ -31,6 +31,10 @@ export const amountOf = mark => {
     return mark.value === undefined ? "" : `${Math.round(mark.value)} ${open.volume?.unit ?? ""}`.trim();
 };
 
+/** @param {Mark["kind"]} kind @param {{x: number, y: number}} at */
+const spot = (kind, at) => svg("g", { class: `spot ${kind}`, transform: `translate(${at.x} ${at.y})` },
+    svg("circle", { r: kind === "vessel" ? 7 : 4 }), svg("path", { d: "M-2 0H2M0 -2V2" }));
+
 export class Overlay {
     /** @param {Pane} pane */
     constructor(pane) {
@@ -106,15 +110,13 @@ export class Overlay {
     }
 
     #drawMarks() {
-        this.marks.replaceChildren(...store.state.marks.flatMap(mark => {
+        const { marks, firstEnd } = store.state;
+        this.marks.replaceChildren(...(firstEnd === null ? [] : [spot("distance", this.place(firstEnd))]), ...marks.flatMap(mark => {
             const at = this.place(mark.position);
             const end = mark.end === undefined ? at : this.place(mark.end);
             const text = svg("text", { class: "mark-text", x: end.x + 10, y: end.y - 8 }, `${mark.label}  ${amountOf(mark)}`);
             const line = svg("line", { class: "measure", x1: at.x, y1: at.y, x2: end.x, y2: end.y });
-            const spots = [at, ...(mark.end === undefined ? [] : [end])].map(p =>
-                svg("g", { class: `spot ${mark.kind}`, transform: `translate(${p.x} ${p.y})` },
-                    svg("circle", { r: mark.kind === "vessel" ? 7 : 4 }), svg("path", { d: "M-2 0H2M0 -2V2" })));
-            return mark.end === undefined ? [...spots, text] : [line, ...spots, text];
+            return mark.end === undefined ? [spot(mark.kind, at), text] : [line, spot(mark.kind, at), spot(mark.kind, end), text];
         }));
     }
 

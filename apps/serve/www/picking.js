@@ -17,9 +17,6 @@ import { positionText } from "./volume.js";
 /** A click as near to a mark means its position, CSS pixels. */
 const snapCss = 9;
 
-/** The first end of a distance that waits for its second. @type {Vec3 | null} */
-let waitingEnd = null;
-
 /** @param {string} letter */
 function nextLabel(letter) {
     const used = store.state.marks.map(m => m.label);
@@ -93,24 +90,24 @@ function take(picked, tool) {
 
 /** @param {Vec3} position */
 function takeEnd(position) {
-    if (waitingEnd === null) {
-        waitingEnd = position;
+    const { firstEnd } = store.state;
+    if (firstEnd === null) {
+        store.update({ firstEnd: position });
         say("Now click the other end");
-    } else if (distance(waitingEnd, position) > 0.01) {
-        const start = waitingEnd;
-        waitingEnd = null;
-        keep({ kind: "distance", label: nextLabel("D"), position: start, end: position });
+    } else if (distance(firstEnd, position) > 0.01) {
+        store.update({ firstEnd: null });
+        keep({ kind: "distance", label: nextLabel("D"), position: firstEnd, end: position });
     }
 }
 
 // Another tool, or Escape, forgets the first end.
 document.addEventListener("keydown", event => {
-    if (event.key === "Escape") {
-        waitingEnd = null;
+    if (event.key === "Escape" && store.state.firstEnd !== null) {
+        store.update({ firstEnd: null });
     }
 });
 store.subscribe(() => {
-    if (store.state.tool !== "distance") {
-        waitingEnd = null;
+    if (store.state.tool !== "distance" && store.state.firstEnd !== null) {
+        store.update({ firstEnd: null });
     }
 });

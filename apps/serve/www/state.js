@@ -40,6 +40,7 @@ import { startCamera } from "./camera.js";
  * @property {number | null} budgetMs for a moving picture; null: the server's own
  * @property {Mark[]} marks
  * @property {Tool} tool
+ * @property {Vec3 | null} firstEnd of a distance that waits for its other end
  * @property {boolean} cutting whether the handles of box and planes are shown
  * @property {boolean} legend whether letters, scale bar and values are shown
  */
@@ -66,6 +67,7 @@ export const startState = () =>
         budgetMs: null,
         marks: [],
         tool: "point",
+        firstEnd: null,
         cutting: false,
         legend: true,
     });
