@@ -36,10 +36,7 @@ public:
                                    iz);
                 return;
             }
-            std::int16_t* const from = voxels.data() + SliceVoxels() * static_cast<std::size_t>(iz);
-            Volume()->SetSlice(SliceOf(BlockOf(from, SliceVoxels(), m_StoredOffset), SliceAttributes(), id).release(),
-                               iz);
-            GiveBack(from, SliceVoxels() * 2);
+            StoreSlice(voxels, iz, id);
         });
     }
 

@@ -21,8 +21,9 @@ public:
     // Keeps the layout's voxels, which the import fills. Throws Error when the pager refuses memory.
     explicit GrowingSource(const ImportedVolume& layout);
 
-    // Copies slices that the import has announced; those that were taken before are left alone, so that a call that
-    // threw can be made again. Throws Error when the pager refuses memory, and the host's cancellation.
+    // Takes slices that the import has announced out of its memory: what it returns is good for Finish alone then.
+    // Those that were taken before are left alone, so that a call that threw can be made again. Throws Error when the
+    // pager refuses memory, and the host's cancellation.
     void Take(const std::vector<int>& slices);
     int NumArrived() const { return static_cast<int>(m_Arrived.size()); }
 

@@ -78,14 +78,13 @@ std::size_t VolumeSource::SliceVoxels() const {
 
 void VolumeSource::StoreSlices(const VoxelBuffer& voxels) {
     const std::string series = UniqueSeriesName();
-    ForEachIndex(m_Info.dims[2], [&](int iz) {
-        std::int16_t* const from = voxels.data() + SliceVoxels() * static_cast<std::size_t>(iz);
-        Volume()->SetSlice(
-            SliceOf(BlockOf(from, SliceVoxels(), m_StoredOffset), SliceAttributes(), series + std::to_string(iz))
-                .release(),
-            iz);
-        GiveBack(from, SliceVoxels() * 2);
-    });
+    ForEachIndex(m_Info.dims[2], [&](int iz) { StoreSlice(voxels, iz, series + std::to_string(iz)); });
+}
+
+void VolumeSource::StoreSlice(const VoxelBuffer& voxels, int iz, const std::string& id) {
+    std::int16_t* const from = voxels.data() + SliceVoxels() * static_cast<std::size_t>(iz);
+    Volume()->SetSlice(SliceOf(BlockOf(from, SliceVoxels(), m_StoredOffset), SliceAttributes(), id).release(), iz);
+    GiveBack(from, SliceVoxels() * 2);
 }
 
 StoredValues VolumeSource::Stored() const {

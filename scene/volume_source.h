@@ -78,6 +78,8 @@ protected:
 
     PixelDataAttributes SliceAttributes() const;
     std::size_t SliceVoxels() const;
+    // Moves a slice out of the imported voxels into a block.
+    void StoreSlice(const VoxelBuffer& voxels, int iz, const std::string& id);
 
     ImportedVolume m_Info;
     int m_StoredOffset = 0;         // added to the imported values
