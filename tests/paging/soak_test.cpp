@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <numeric>
 #include <random>
 
 namespace {
@@ -294,17 +295,24 @@ TEST_F(PagingSoak, ManyStudiesUnderABudgetBelowTheSmallest) {
     }
 
     // The pager may keep up to 64 MiB of freed memory for other blocks. No more may come with the days.
-    const std::int64_t least = *std::min_element(process.begin(), process.end());
     const std::int64_t most = *std::max_element(process.begin(), process.end());
     EXPECT_LE(most, process.front() + (std::int64_t{80} << 20));
     EXPECT_LE(m_LongestFile, 2 * m_MostAllocated);
     EXPECT_GT(m_NumRefused, 0);
+    const auto megabytes = [](std::int64_t bytes) { return std::to_string(bytes / 1000000) + " MB"; };
     std::cout << process.size() << " days, " << m_NumOpened << " studies opened, " << m_NumReplaced << " replaced, "
               << m_NumPictures << " pictures, " << m_NumRefused << " refused; full disk " << m_NumFullDisks
-              << " times, file not readable " << m_NumUnreadable << " times; "
-              << reference_host::GetPagerStatistics().total_spilled_bytes / 1000000 << " MB spilled\n"
-              << "allocated at most " << m_MostAllocated << ", resident " << m_PeakResident
-              << " (one study alone, in full, " << m_PeakOfOne << "), spill file " << m_LongestFile
-              << "; process after closing " << process.front() << " at first, " << least << " to " << most << ", "
-              << process.back() << " at last\n";
+              << " times, file not readable " << m_NumUnreadable << " times\n"
+              << "at most " << megabytes(m_MostAllocated) << " allocated, " << megabytes(m_PeakResident)
+              << " resident, spill file " << megabytes(m_LongestFile) << "; one study alone, in full, "
+              << megabytes(m_PeakOfOne) << "; written out "
+              << megabytes(reference_host::GetPagerStatistics().total_spilled_bytes) << "\n"
+              << "process after closing, means of the quarters:";
+    for (std::size_t quarter = 0; quarter < 4; quarter++) {
+        const auto first = process.begin() + static_cast<std::ptrdiff_t>(process.size() * quarter / 4);
+        const auto last = process.begin() + static_cast<std::ptrdiff_t>(process.size() * (quarter + 1) / 4);
+        std::cout << ' '
+                  << megabytes(std::accumulate(first, last, std::int64_t{0}) / std::max<std::int64_t>(last - first, 1));
+    }
+    std::cout << "; at most " << megabytes(most) << "\n";
 }

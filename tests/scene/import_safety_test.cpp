@@ -95,22 +95,31 @@ TEST(ImportIsolation, ResultProgressAndCancellationCrossTheProcessBorder) {
 }
 
 TEST(ImportIsolation, WorksFromSeveralThreadsAndWithEveryNumberOfThreads) {
+#if defined(__SANITIZE_THREAD__)
+    // It loses track of the threads of a process that was forked off while others ran.
+    const std::vector<bool> isolated = {false};
+#else
+    const std::vector<bool> isolated = {true, false};
+#endif
     const TempFolder folder;
     WriteStack(folder, DicomSlice(), Heights(0.0, 1.0, 12));
     std::atomic<int> num_right{0};
     std::vector<std::thread> threads;
-    for (int count = 1; count <= 4; ++count) {
-        threads.emplace_back([&, count] {
-            ImportOptions options;
-            options.num_threads = count;
-            const ImportedVolume volume = scene::ImportVolume(folder.Path(), options);
-            num_right += volume.dims[2] == 12 && StoredAt(volume, 3, 3, 11) == StoredAt(volume, 3, 3, 0) + 44;
-        });
+    for (const bool isolate : isolated) {
+        for (int count = 1; count <= 4; ++count) {
+            threads.emplace_back([&, isolate, count] {
+                ImportOptions options;
+                options.isolate = isolate;
+                options.num_threads = count;
+                const ImportedVolume volume = scene::ImportVolume(folder.Path(), options);
+                num_right += volume.dims[2] == 12 && StoredAt(volume, 3, 3, 11) == StoredAt(volume, 3, 3, 0) + 44;
+            });
+        }
     }
     for (std::thread& thread : threads) {
         thread.join();
     }
-    EXPECT_EQ(num_right, 4);
+    EXPECT_EQ(num_right, static_cast<int>(threads.size()));
 }
 
 // Tries a damaged copy. Nothing but ImportError may come out, in one line; a volume must be consistent in itself.
