@@ -1,5 +1,6 @@
 #include "apps/serve/client_session.h"
 
+#include "apps/serve/movie_export.h"
 #include "apps/serve/point_lists.h"
 #include "apps/serve/server_messages.h"
 #include "host/tasks.h"
@@ -106,6 +107,7 @@ void ClientSession::Take(const OpenMessage& message) {
         throw ProtocolError("series: there is none of that name (/api/series lists them)");
     }
     m_Series = message.series;
+    EndRequests("export: another series was opened");
     m_Opened.reset();
     m_States.clear();
     m_Panes = {};
@@ -259,7 +261,8 @@ void ClientSession::Take(const ExportMessage& message) {
             ExportPicture(message);
             break;
         case ExportMessage::Kind::kMovie:
-            throw ProtocolError("movie: this server cannot make films", message.request);
+            ExportMovie(message);
+            break;
         case ExportMessage::Kind::kMarkups:
         case ExportMessage::Kind::kCsv:
             ExportPoints(message);
@@ -267,21 +270,27 @@ void ClientSession::Take(const ExportMessage& message) {
     }
 }
 
-void ClientSession::ExportPicture(const ExportMessage& message) {
+ClientSession::State ClientSession::StateToExport(const ExportMessage& message) const {
     const State state = m_States.empty() ? nullptr : m_States.back();
     if (state == nullptr || static_cast<std::size_t>(message.pane) >= state->panes.size()) {
         throw ProtocolError("export: there is no such pane", message.request);
     }
-    m_Requests.insert(message.request);
+    return state;
+}
+
+void ClientSession::ExportPicture(const ExportMessage& message) {
+    const State state = StateToExport(message);
+    const auto cancelled = m_Requests[message.request] = std::make_shared<std::atomic<bool>>(false);
     const auto done = Later([request = message.request](ClientSession& self, const std::shared_ptr<ShelvedFile>& file) {
         self.CompleteRequest(request, std::move(*file));
     });
-    const auto failed = Later([request = message.request](ClientSession& self, const std::string& why) {
-        self.m_Requests.erase(request);
-        self.m_Outbox->SendText(ErrorMessage(why, request));
-    });
+    const auto failed = Later(
+        [request = message.request](ClientSession& self, const std::string& why) { self.FailRequest(request, why); });
     m_Outbox->SendText(ProgressMessage(message.request, 0.0));
-    m_Viewer.Drawing().Ask(m_Drawing, false, [message, state, done, failed](ClientScene& scene, const SceneState&) {
+    m_Viewer.Drawing().Ask(m_Drawing, false, [=](ClientScene& scene, const SceneState&) {
+        if (cancelled->load()) {
+            return;
+        }
         try {
             const Pane pane = {state->panes[static_cast<std::size_t>(message.pane)].mode, message.width,
                                message.height};
@@ -302,9 +311,49 @@ void ClientSession::ExportPicture(const ExportMessage& message) {
     });
 }
 
+// Frame by frame: each asks for the next.
+void ClientSession::ExportMovie(const ExportMessage& message) {
+    const State state = StateToExport(message);
+    const auto cancelled = m_Requests[message.request] = std::make_shared<std::atomic<bool>>(false);
+    const auto movie = std::make_shared<MovieExport>(state, message);
+    const auto done = Later([request = message.request](ClientSession& self, const std::shared_ptr<ShelvedFile>& file) {
+        self.CompleteRequest(request, std::move(*file));
+    });
+    const auto failed = Later(
+        [request = message.request](ClientSession& self, const std::string& why) { self.FailRequest(request, why); });
+    const auto progress = Later([request = message.request](ClientSession& self, double fraction) {
+        self.m_Outbox->SendText(ProgressMessage(request, fraction));
+    });
+    const auto name = std::string(NameOf(state->panes[static_cast<std::size_t>(message.pane)].mode)) + ".mp4";
+    // A piece holds itself by the next one that it asks for.
+    const auto piece = std::make_shared<DrawingThread::SceneJob>();
+    *piece = [=, self = std::weak_ptr(piece), &drawing = m_Viewer.Drawing(), client = m_Drawing](ClientScene& scene,
+                                                                                                 const SceneState&) {
+        if (cancelled->load()) {
+            return;
+        }
+        try {
+            movie->DrawNext(scene);
+            progress(movie->Fraction());
+            if (movie->IsComplete()) {
+                done(std::make_shared<ShelvedFile>(ShelvedFile{name, "video/mp4", movie->Finish()}));
+            } else if (const auto next = self.lock()) {
+                drawing.Ask(client, false, [next](ClientScene& s, const SceneState& newest) { (*next)(s, newest); });
+            }
+        } catch (const TCO_CANCEL_EXCEPTION&) {
+            throw;
+        } catch (const std::exception& error) {
+            failed(std::string(error.what()));
+        }
+    };
+    m_Outbox->SendText(ProgressMessage(message.request, 0.0));
+    m_Viewer.Drawing().Ask(m_Drawing, false,
+                           [piece](ClientScene& s, const SceneState& newest) { (*piece)(s, newest); });
+}
+
 void ClientSession::ExportPoints(const ExportMessage& message) {
     const bool csv = message.kind == ExportMessage::Kind::kCsv;
-    m_Requests.insert(message.request);
+    m_Requests[message.request] = std::make_shared<std::atomic<bool>>(false);
     CompleteRequest(message.request,
                     csv ? ShelvedFile{"points.csv", "text/csv", PointsCsv(message.points)}
                         : ShelvedFile{"points.mrk.json", "application/json", PointsMarkups(message.points)});
@@ -319,8 +368,26 @@ void ClientSession::CompleteRequest(std::int64_t request, ShelvedFile&& file) {
     m_Outbox->SendText(FileMessage(request, m_Viewer.Files().Put(std::move(file)), name, bytes));
 }
 
+void ClientSession::FailRequest(std::int64_t request, const std::string& why) {
+    if (m_Requests.erase(request) != 0) {
+        m_Outbox->SendText(ErrorMessage(why, request));
+    }
+}
+
+void ClientSession::EndRequests(const std::string& why) {
+    for (const auto& [request, cancelled] : m_Requests) {
+        cancelled->store(true);
+        m_Outbox->SendText(ErrorMessage(why, request));
+    }
+    m_Requests.clear();
+}
+
 void ClientSession::Take(const CancelMessage& message) {
-    m_Requests.erase(message.request);
+    const auto found = m_Requests.find(message.request);
+    if (found != m_Requests.end()) {
+        found->second->store(true);
+        m_Requests.erase(found);
+    }
 }
 
 }  // namespace serve

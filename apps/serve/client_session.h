@@ -6,12 +6,12 @@
 #include "apps/serve/viewer.h"
 
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <deque>
 #include <map>
 #include <memory>
 #include <optional>
-#include <set>
 #include <string>
 #include <string_view>
 
@@ -51,9 +51,14 @@ private:
     void NoteRate(const DrawnFrame& frame);
     void Complain(const std::string& text, std::optional<std::int64_t> request = std::nullopt);
     void CompleteRequest(std::int64_t request, ShelvedFile&& file);
+    void FailRequest(std::int64_t request, const std::string& why);
     void ExportPicture(const ExportMessage& message);
+    void ExportMovie(const ExportMessage& message);
     void ExportPoints(const ExportMessage& message);
     State StateOf(std::int64_t id) const;
+    // The newest state, whose pane is to be exported. Throws ProtocolError when there is none.
+    State StateToExport(const ExportMessage& message) const;
+    void EndRequests(const std::string& why);
     // Runs a method of this on the viewer's thread, unless the session has ended.
     template <class Function>
     auto Later(Function function);
@@ -67,7 +72,9 @@ private:
     std::shared_ptr<OpenedSeries> m_Opened;  // that is looked at
     std::deque<State> m_States;              // that pictures may still come of, the newest last
     std::array<PaneState, kMostPanes> m_Panes;
-    std::set<std::int64_t> m_Requests;  // exports that are neither done nor cancelled
+    // Exports that are neither done nor cancelled, each with what tells its work that it is cancelled.
+    using Cancelled = std::shared_ptr<std::atomic<bool>>;
+    std::map<std::int64_t, Cancelled> m_Requests;
 
     std::chrono::steady_clock::time_point m_RateSince;
     int m_FramesSince = 0;
