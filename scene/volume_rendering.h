@@ -48,6 +48,9 @@ public:
     void SetClipping(const std::vector<ClipPlane>& planes);
     void SetQuality(RenderQuality quality);
     void SetView(const Camera& camera, const Light& light);
+    // After an interactive frame: its time over the time that it may take. Those to come are drawn more coarsely or
+    // finely, within the bounds of their level. Other qualities do not change.
+    void AdjustInteractiveFrames(double ratio) { m_Engine.AdjustRenderingTime(ratio); }
 
     // Draws a frame. Throws Error when the engine cannot draw, and the host's cancellation.
     Picture Draw(const Background& background);

@@ -59,9 +59,17 @@ DrawnPicture ClientScene::Draw(const SceneState& state, const Pane& pane, const 
     }
     scene::VolumeSource& source = m_Series->Source();
     const scene::ProjectedPicture projected = ProjectionFor(state, drawn, effort.linear).Draw();
-    result.window = state.window ? *state.window : scene::DefaultWindow(source, projected);
+    result.window = state.window          ? *state.window
+                    : m_Series->IsWhole() ? scene::DefaultWindow(source, projected)
+                                          : m_Series->DefaultWindow();
     result.picture = scene::Windowed(projected, source, *result.window);
     return result;
+}
+
+void ClientScene::AdjustRendering(double ratio) {
+    if (m_Rendering != nullptr) {
+        m_Rendering->AdjustInteractiveFrames(ratio);
+    }
 }
 
 PickResult ClientScene::Pick(const SceneState& state, const Pane& pane, double x, double y, bool vessel) {

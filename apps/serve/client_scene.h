@@ -40,6 +40,8 @@ public:
     OpenedSeries& Series() { return *m_Series; }
 
     DrawnPicture Draw(const SceneState& state, const Pane& pane, const FrameEffort& effort);
+    // After an interactive rendering: its time over the time that it may take. The next one is drawn finer or coarser.
+    void AdjustRendering(double ratio);
     PickResult Pick(const SceneState& state, const Pane& pane, double x, double y, bool vessel);
     // The camera of a pane of a state.
     scene::Camera CameraOf(const SceneState& state, const Pane& pane) const;

@@ -112,32 +112,36 @@ void ClientSession::Take(const OpenMessage& message) {
     m_States.clear();
     m_Panes = {};
     m_Viewer.Drawing().SetSeries(m_Drawing, nullptr);
-    // The listener is called for the series that was asked for last only.
-    const auto if_wanted = [id = message.series](auto then) {
-        return [id, then](ClientSession& self, const auto&... arguments) {
-            if (self.m_Series == id && self.m_Opened == nullptr) {
+    // The listener counts as long as no other series was asked for.
+    const auto if_wanted = [asked = ++m_Asked](auto then) {
+        return [asked, then](ClientSession& self, const auto&... arguments) {
+            if (self.m_Asked == asked) {
                 then(self, arguments...);
             }
         };
     };
-    m_Viewer.Store().Open(message.series, *place,
-                          {Later(if_wanted([](ClientSession& self, double fraction) {
-                               self.m_Outbox->SendText(OpeningMessage(self.m_Series, std::min(fraction, 0.99), 0, 0));
-                           })),
-                           Later(if_wanted([](ClientSession& self, const std::shared_ptr<OpenedSeries>& series) {
-                               self.Opened(self.m_Series, series);
-                           })),
-                           Later(if_wanted([](ClientSession& self, const std::string& why) {
-                               self.m_Series.clear();
-                               self.m_Outbox->SendText(ErrorMessage(why));
-                           }))});
+    m_Viewer.Store().Open(
+        message.series, *place,
+        {Later(if_wanted([](ClientSession& self, double fraction, int slices) {
+             const int of = self.m_Opened != nullptr ? self.m_Opened->Source().Info().dims[2] : 0;
+             self.m_Outbox->SendText(OpeningMessage(self.m_Series, std::min(fraction, 0.99), slices, of));
+         })),
+         Later(
+             if_wanted([](ClientSession& self, const std::shared_ptr<OpenedSeries>& series) { self.Opened(series); })),
+         Later(if_wanted([](ClientSession& self, const std::string& why) {
+             self.m_Series.clear();
+             self.m_Opened.reset();
+             self.m_Outbox->SendText(ErrorMessage(why));
+         }))});
 }
 
-void ClientSession::Opened(const std::string& id, const std::shared_ptr<OpenedSeries>& series) {
+void ClientSession::Opened(const std::shared_ptr<OpenedSeries>& series) {
     m_Opened = series;
     m_Viewer.Drawing().SetSeries(m_Drawing, series);
-    const int slices = series->Source().Info().dims[2];
-    m_Outbox->SendText(OpeningMessage(id, 1.0, slices, slices));
+    if (series->IsWhole()) {
+        const int slices = series->Source().Info().dims[2];
+        m_Outbox->SendText(OpeningMessage(m_Series, 1.0, slices, slices));
+    }
     m_Outbox->SendText(VolumeMessage(*series));
 }
 

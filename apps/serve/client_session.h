@@ -44,7 +44,7 @@ private:
     void Take(const ExportMessage& message);
     void Take(const CancelMessage& message);
 
-    void Opened(const std::string& id, const std::shared_ptr<OpenedSeries>& series);
+    void Opened(const std::shared_ptr<OpenedSeries>& series);
     void Drawn(DrawnFrame&& frame);
     bool IsStale(const DrawnFrame& frame) const;
     void Send(DrawnFrame&& frame);
@@ -69,6 +69,7 @@ private:
     bool m_Ended = false;
     int m_Errors = 0;
     std::string m_Series;                    // that was asked for last
+    int m_Asked = 0;                         // how often one was
     std::shared_ptr<OpenedSeries> m_Opened;  // that is looked at
     std::deque<State> m_States;              // that pictures may still come of, the newest last
     std::array<PaneState, kMostPanes> m_Panes;

@@ -68,6 +68,12 @@ void DrawingThread::SetSeries(ClientId id, std::shared_ptr<OpenedSeries> series)
             return;
         }
         Client& client = *found->second;
+        if (series != nullptr && series->IsRetired()) {
+            series = series->Next();
+        }
+        if (series != nullptr && client.series == series) {
+            return;
+        }
         client.series = std::move(series);
         client.state.reset();
         client.panes = {};
@@ -91,10 +97,7 @@ void DrawingThread::SetScene(ClientId id, SceneState state) {
         // long as the hand moves, or none ever would be.
         const bool goes_on = same_panes && state.moving && m_RunningMoves;
         client.state = std::move(state);
-        for (PaneProgress& pane : client.panes) {
-            pane.drawn_once = false;
-            pane.finished = false;
-        }
+        client.DrawAnew();
         CancelStepIf(m_RunningId == id && !goes_on);
         GiveWay(client);
     }
@@ -124,6 +127,49 @@ void DrawingThread::Ask(ClientId id, bool urgent, SceneJob job) {
         Client& client = *found->second;
         (urgent ? client.urgent : client.patient).push_back(std::move(job));
         GiveWay(client);
+    }
+    m_Changed.notify_all();
+}
+
+void DrawingThread::Run(Job job) {
+    {
+        const std::lock_guard lock(m_Mutex);
+        m_Jobs.push_back(std::move(job));
+    }
+    m_Changed.notify_all();
+}
+
+void DrawingThread::Refresh(const std::shared_ptr<OpenedSeries>& series) {
+    {
+        const std::lock_guard lock(m_Mutex);
+        for (const auto& [id, client] : m_Clients) {
+            if (client->series == series) {
+                client->DrawAnew();
+            }
+        }
+    }
+    m_Changed.notify_all();
+}
+
+void DrawingThread::Release(const std::shared_ptr<OpenedSeries>& series) {
+    const std::lock_guard lock(m_Mutex);
+    for (const auto& [id, client] : m_Clients) {
+        if (client->scene != nullptr && &client->scene->Series() == series.get()) {
+            client->scene.reset();
+        }
+    }
+}
+
+void DrawingThread::Replace(const std::shared_ptr<OpenedSeries>& series, const std::shared_ptr<OpenedSeries>& next) {
+    {
+        const std::lock_guard lock(m_Mutex);
+        series->Retire(next);
+        for (const auto& [id, client] : m_Clients) {
+            if (client->series == series) {
+                client->series = next;
+                client->DrawAnew();
+            }
+        }
     }
     m_Changed.notify_all();
 }
@@ -312,7 +358,7 @@ void DrawingThread::Finish(Step& step, double seconds, bool completed) {
     if (client.state && client.state->id == step.state.id) {
         PaneProgress& pane = client.panes[static_cast<std::size_t>(step.pane)];
         pane.drawn_once = true;
-        pane.finished = step.state.moving || m_FrameFinal || !m_FrameDone;
+        pane.finished = step.state.moving || m_FrameFinal || !m_FrameDone || !step.series->IsWhole();
     }
 }
 
@@ -349,7 +395,7 @@ void DrawingThread::DrawFrame(Step& step) {
     const double expected_ms = known != client.final_ms.end()   ? known->second
                                : pane.mode == PaneMode::kRender ? kUnknownRenderingMs
                                                                 : 0.0;
-    const bool final = !step.state.moving && (drawn_once || expected_ms <= kLongFinalMs);
+    const bool final = !step.state.moving && step.series->IsWhole() && (drawn_once || expected_ms <= kLongFinalMs);
     const FrameEffort effort = final ? FinalEffort() : pacing.Effort();
 
     const Clock::time_point start = Clock::now();
@@ -372,7 +418,12 @@ void DrawingThread::DrawFrame(Step& step) {
     if (final) {
         client.final_ms[pane.mode] = draw_ms + frame.encode_ms;
     } else {
-        pacing.Note(draw_ms + frame.encode_ms, step.state.budget_ms.value_or(kDefaultBudgetMs));
+        const double budget_ms = step.state.budget_ms.value_or(kDefaultBudgetMs);
+        const double frame_ms = draw_ms + frame.encode_ms;
+        if (const auto ratio = pacing.Adjustment(frame_ms, budget_ms); ratio && pane.mode == PaneMode::kRender) {
+            client.scene->AdjustRendering(*ratio);
+        }
+        pacing.Note(frame_ms, budget_ms);
     }
     m_FrameDone = true;
     m_FrameFinal = final;

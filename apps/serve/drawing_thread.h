@@ -61,7 +61,7 @@ public:
     ClientId Join(std::shared_ptr<ClientPort> port);
     // The port is called no more once the step in progress has ended.
     void Leave(ClientId client);
-    // What the client looks at from now on; its state and what it asked for are forgotten.
+    // What the client looks at from now on; its state and what it asked for are forgotten, unless it does already.
     void SetSeries(ClientId client, std::shared_ptr<OpenedSeries> series);
     void SetScene(ClientId client, SceneState state);
     // Whether a drawn picture of the pane still waits until the page has shown the one before.
@@ -70,6 +70,14 @@ public:
     // Runs once with the client's newest state, soon; never when the client leaves first. Work that takes long comes in
     // pieces: each asks for the next. Pieces that are not `urgent` come after everybody's pictures.
     void Ask(ClientId client, bool urgent, SceneJob job);
+    // Runs once before anything else that has not begun; not cancelled for anybody.
+    void Run(Job job);
+    // There is more to see of a series.
+    void Refresh(const std::shared_ptr<OpenedSeries>& series);
+    // From a job: ends the engines that draw a series.
+    void Release(const std::shared_ptr<OpenedSeries>& series);
+    // Whoever looks at the one series looks at the other from now on, at the same scene; null: at none.
+    void Replace(const std::shared_ptr<OpenedSeries>& series, const std::shared_ptr<OpenedSeries>& next);
     // Runs once when nobody waits for anything; or never, when the thread ends first.
     void RunWhenIdle(Job job);
 
@@ -91,6 +99,14 @@ private:
         std::unique_ptr<ClientScene> scene;
         std::map<std::pair<int, PaneMode>, FramePacing> pacing;
         std::map<PaneMode, double> final_ms;
+
+        // Nothing of the state is drawn yet.
+        void DrawAnew() {
+            for (PaneProgress& pane : panes) {
+                pane.drawn_once = false;
+                pane.finished = false;
+            }
+        }
     };
     enum class StepKind { kJob, kSceneJob, kFrame };
     struct Step {
@@ -119,7 +135,7 @@ private:
     std::mutex m_Mutex;  // guards everything below but what is said to be the thread's own
     std::condition_variable m_Changed;
     std::map<ClientId, std::shared_ptr<Client>> m_Clients;
-    std::deque<Job> m_Jobs;  // that let go of what ends on the thread
+    std::deque<Job> m_Jobs;
     std::deque<Job> m_IdleJobs;
     double m_Turn = 0.0;  // the share of whoever had the last turn
     ClientId m_LastId = 0;

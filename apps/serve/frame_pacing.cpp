@@ -1,6 +1,7 @@
 #include "apps/serve/frame_pacing.h"
 
 #include <algorithm>
+#include <array>
 
 namespace serve {
 
@@ -17,7 +18,7 @@ constexpr std::array<FrameEffort, 6> kProjectionRungs = {{
     {false, RenderQuality::kEnhanced, 0.25, "fast, 1/4"},
 }};
 
-// Interactive frames are themselves of half, a third or a quarter of the picture's resolution.
+// Interactive frames are themselves of at least half, a third or a quarter of the picture's resolution.
 constexpr std::array<FrameEffort, 6> kRenderingRungs = {{
     {true, RenderQuality::kInteractive0, 1.0, "interactive 0"},
     {true, RenderQuality::kInteractive1, 1.0, "interactive 1"},
@@ -29,9 +30,9 @@ constexpr std::array<FrameEffort, 6> kRenderingRungs = {{
 
 constexpr double kTooSlow = 1.1;     // times the budget
 constexpr double kWellBelow = 0.75;  // the same
-constexpr int kFramesBeforeFiner = 6;
-// A finer rung that was too slow is tried again when frames have become so much faster since.
-constexpr double kForget = 0.98;
+constexpr int kFramesTooSlow = 3;    // before a coarser effort: the first frame of a new look takes longer
+constexpr int kTrial = 12;           // frames that a finer effort must last to count as good
+constexpr int kMostPatience = 240;
 
 }  // namespace
 
@@ -44,26 +45,28 @@ FrameEffort FramePacing::Effort() const {
 }
 
 void FramePacing::Note(double frame_ms, double budget_ms) {
-    std::optional<double>& took = m_TookMs[m_Rung];
-    took = took ? 0.5 * (*took + frame_ms) : frame_ms;
     m_TooSlow = frame_ms > kTooSlow * budget_ms ? m_TooSlow + 1 : 0;
     m_WellBelow = frame_ms < kWellBelow * budget_ms ? m_WellBelow + 1 : 0;
-    // What is known of finer rungs ages, so that a scene that has become easy is noticed.
-    for (std::size_t finer = 0; finer < m_Rung; ++finer) {
-        if (m_TookMs[finer]) {
-            *m_TookMs[finer] *= kForget;
-        }
+    ++m_SinceFiner;
+    if (m_SinceFiner == 2 * kMostPatience) {
+        m_Patience = kLeastPatience;
     }
-
-    const bool far_too_slow = frame_ms > 2.0 * budget_ms;
-    if ((m_TooSlow >= 2 || far_too_slow) && m_Rung + 1 < kNumRungs) {
+    if (m_TooSlow >= kFramesTooSlow && m_Rung + 1 < kProjectionRungs.size()) {
+        // What has just been tried in vain is tried less often.
+        m_Patience = m_SinceFiner <= kTrial ? std::min(2 * m_Patience, kMostPatience) : m_Patience;
         ++m_Rung;
         m_TooSlow = m_WellBelow = 0;
-    } else if (m_WellBelow >= kFramesBeforeFiner && m_Rung > 0 && m_TookMs[m_Rung - 1].value_or(0.0) <= budget_ms) {
+    } else if (m_WellBelow >= m_Patience && m_Rung > 0) {
         --m_Rung;
-        m_TooSlow = m_WellBelow = 0;
-        m_TookMs[m_Rung].reset();
+        m_TooSlow = m_WellBelow = m_SinceFiner = 0;
     }
+}
+
+std::optional<double> FramePacing::Adjustment(double frame_ms, double budget_ms) const {
+    constexpr double kAim = 0.85;  // of the budget: frames do not all take the same
+    const double ratio = std::clamp(frame_ms / (kAim * budget_ms), 0.5, 4.0);
+    const bool good = ratio > 0.85 && ratio <= 1.0;
+    return good || (m_Rung > 0 && ratio < 1.0) ? std::nullopt : std::optional(ratio);
 }
 
 }  // namespace serve

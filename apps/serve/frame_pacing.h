@@ -4,7 +4,6 @@
 #include "apps/serve/protocol.h"
 #include "scene/volume_rendering.h"
 
-#include <array>
 #include <optional>
 #include <string_view>
 
@@ -29,17 +28,19 @@ public:
     FrameEffort Effort() const;
     // Notes what a frame of the chosen effort took, encoding included.
     void Note(double frame_ms, double budget_ms);
-    // Milliseconds of the last frame of the chosen effort; empty when none was drawn yet.
-    std::optional<double> LastMs() const { return m_TookMs[m_Rung]; }
+    // By which ratio the engine's own adjustment is to take the frame for too slow; empty when it is to do nothing. The
+    // finest effort is refined with the time that is left, coarser ones make room for a finer effort instead.
+    std::optional<double> Adjustment(double frame_ms, double budget_ms) const;
 
 private:
-    static constexpr std::size_t kNumRungs = 6;
+    static constexpr int kLeastPatience = 8;
 
     bool m_IsRendering;
-    std::size_t m_Rung = 0;  // 0 is the finest
-    std::array<std::optional<double>, kNumRungs> m_TookMs;
-    int m_TooSlow = 0;    // frames in a row
-    int m_WellBelow = 0;  // the same
+    std::size_t m_Rung = 0;           // 0 is the finest
+    int m_TooSlow = 0;                // frames in a row
+    int m_WellBelow = 0;              // the same
+    int m_SinceFiner = 0;             // frames since a finer effort was tried
+    int m_Patience = kLeastPatience;  // frames well below the time before a finer effort is tried
 };
 
 }  // namespace serve

@@ -1,6 +1,7 @@
 // A series in memory, shared by all clients that look at it.
 #pragma once
 
+#include "scene/growing_source.h"
 #include "scene/labels.h"
 #include "scene/presets.h"
 #include "scene/projection.h"
@@ -19,14 +20,27 @@ struct SeriesLabels {
     std::vector<scene::LabelTableEntry> table;
 };
 
-// What every client of a series needs. Nothing changes after its making but what the host's pager moves.
+// What every client of a series needs. Nothing of a whole series changes after its making but what the host's pager
+// moves; of one that is still being read, slices arrive on the drawing thread.
 class OpenedSeries {
 public:
     // Throws Error and the host's cancellation.
-    OpenedSeries(std::string id, scene::ImportedVolume&& imported, std::optional<SeriesLabels>&& labels);
+    OpenedSeries(std::string id, std::unique_ptr<scene::VolumeSource> source, std::optional<SeriesLabels>&& labels);
+    // A series that is being read: its slices come later.
+    OpenedSeries(std::string id, std::unique_ptr<scene::GrowingSource> source);
 
+    // The source when slices still arrive, else null. For the drawing thread.
+    scene::GrowingSource* Growing() { return m_Growing; }
+    bool IsWhole() const { return m_Growing == nullptr; }
+    // A series that grew is of no use once it is whole: `next` stands for it then, null when it came to nothing.
+    void Retire(std::shared_ptr<OpenedSeries> next) {
+        m_IsRetired = true;
+        m_Next = std::move(next);
+    }
+    bool IsRetired() const { return m_IsRetired; }
+    const std::shared_ptr<OpenedSeries>& Next() const { return m_Next; }
     const std::string& Id() const { return m_Id; }
-    scene::VolumeSource& Source() { return m_Source; }
+    scene::VolumeSource& Source() { return *m_Source; }
     const std::optional<SeriesLabels>& Labels() const { return m_Labels; }
     // Of pictures that no window is asked for: what suits a view from the front.
     const scene::DisplayWindow& DefaultWindow() const { return m_Window; }
@@ -36,7 +50,10 @@ public:
 
 private:
     std::string m_Id;
-    scene::VolumeSource m_Source;
+    std::unique_ptr<scene::VolumeSource> m_Source;
+    scene::GrowingSource* m_Growing = nullptr;
+    bool m_IsRetired = false;
+    std::shared_ptr<OpenedSeries> m_Next;
     std::optional<SeriesLabels> m_Labels;
     scene::DisplayWindow m_Window;
 };

@@ -5,7 +5,9 @@
 #include "scene/output_file.h"
 
 #include <algorithm>
+#include <exception>
 #include <filesystem>
+#include <future>
 #include <new>
 
 namespace serve {
@@ -55,8 +57,138 @@ std::string WithoutPath(const std::string& line, const std::string& path) {
 
 }  // namespace
 
-SeriesStore::SeriesStore(Executor executor, LoadOptions options)
-    : m_Executor(std::move(executor)), m_Options(std::move(options)), m_Alive(std::make_shared<Alive>(Alive{this})) {
+// One reading of a series, on a thread of its own; the import itself runs in a child process. Outlived by the store.
+class SeriesStore::Loading {
+public:
+    Loading(SeriesStore& store, std::string id, SeriesPlace place, std::shared_ptr<std::atomic<bool>> cancelled)
+        : m_Store(store), m_Id(std::move(id)), m_Place(std::move(place)), m_Cancelled(std::move(cancelled)) {}
+
+    void Run() {
+        std::shared_ptr<OpenedSeries> series;
+        std::string why;
+        try {
+            series = Read();
+        } catch (const std::bad_alloc&) {
+            why = "memory: not enough for this series (close other programs or use --memory-budget)";
+        } catch (const std::exception& error) {
+            m_Store.m_Options.warn(error.what());
+            why = WithoutPath(error.what(), m_Place.path);
+        }
+        if (series == nullptr && m_Growing != nullptr) {
+            m_Store.m_Drawing.Replace(m_Growing, nullptr);
+        }
+        m_Store.Tell(m_Id, [&store = m_Store, id = m_Id, series, why](Entry&) { store.Loaded(id, series, why); });
+    }
+
+private:
+    std::shared_ptr<OpenedSeries> Read() {
+        scene::ImportOptions options = Options();
+        scene::ImportedVolume volume = scene::ImportVolume(m_Place.path, options);
+        for (const std::string& warning : volume.warnings) {
+            m_Store.m_Options.warn(warning);
+        }
+        options = Options();
+        options.progress = {};
+        options.on_layout = {};
+        options.on_slices = {};
+        std::optional<SeriesLabels> labels = ReadLabels(m_Store.m_Options, volume, options);
+        if (m_Growing == nullptr) {
+            return std::make_shared<OpenedSeries>(m_Id, std::make_unique<scene::VolumeSource>(std::move(volume)),
+                                                  std::move(labels));
+        }
+        return Finish(std::move(volume), std::move(labels));
+    }
+
+    scene::ImportOptions Options() {
+        scene::ImportOptions options;
+        options.series = m_Place.series;
+        options.num_threads = m_Store.m_Options.num_threads;
+        options.is_cancelled = [this] { return m_Cancelled->load(); };
+        options.progress = [this](double fraction) { Progress(fraction); };
+        options.on_layout = [this](const scene::ImportedVolume& layout) { Begin(layout); };
+        options.on_slices = [this](const std::vector<int>& slices) { Take(slices); };
+        return options;
+    }
+
+    void Progress(double fraction) {
+        const int percent = static_cast<int>(fraction * 100.0);
+        if (percent == m_Percent) {
+            return;
+        }
+        m_Percent = percent;
+        m_Store.Tell(m_Id, [fraction, slices = m_NumSlices](Entry& entry) {
+            for (const Listener& listener : entry.listeners) {
+                listener.progress(fraction, slices);
+            }
+        });
+    }
+
+    // The series can be shown from now on.
+    void Begin(const scene::ImportedVolume& layout) {
+        m_Growing = std::make_shared<OpenedSeries>(m_Id, std::make_unique<scene::GrowingSource>(layout));
+        m_Store.Tell(m_Id, [growing = m_Growing](Entry& entry) {
+            entry.growing = growing;
+            for (const Listener& listener : entry.listeners) {
+                listener.opened(growing);
+            }
+        });
+    }
+
+    // Slices come one by one; pictures of every few of them are enough.
+    void Take(const std::vector<int>& slices) {
+        constexpr std::chrono::milliseconds kPause{200};
+        m_NumSlices += static_cast<int>(slices.size());
+        m_Waiting.insert(m_Waiting.end(), slices.begin(), slices.end());
+        const Time now = std::chrono::steady_clock::now();
+        if (m_Growing == nullptr || now - m_LastTaken < kPause) {
+            return;
+        }
+        m_LastTaken = now;
+        m_Store.m_Drawing.Run([&drawing = m_Store.m_Drawing, growing = m_Growing, taken = std::move(m_Waiting)] {
+            growing->Growing()->Take(taken);
+            drawing.Refresh(growing);
+        });
+        m_Waiting.clear();
+    }
+
+    // On the drawing thread, between pictures: who looked at the growing series looks at the whole one.
+    std::shared_ptr<OpenedSeries> Finish(scene::ImportedVolume&& volume, std::optional<SeriesLabels>&& labels) {
+        using Whole = std::shared_ptr<OpenedSeries>;
+        const auto promise = std::make_shared<std::promise<Whole>>();
+        std::future<Whole> whole = promise->get_future();
+        const auto parts = std::make_shared<std::pair<scene::ImportedVolume, std::optional<SeriesLabels>>>(
+            std::move(volume), std::move(labels));
+        m_Store.m_Drawing.Run([&drawing = m_Store.m_Drawing, growing = m_Growing, promise, parts, id = m_Id] {
+            drawing.Release(growing);
+            try {
+                auto series = std::make_shared<OpenedSeries>(id, growing->Growing()->Finish(std::move(parts->first)),
+                                                             std::move(parts->second));
+                drawing.Replace(growing, series);
+                promise->set_value(std::move(series));
+            } catch (...) {
+                drawing.Replace(growing, nullptr);
+                promise->set_exception(std::current_exception());
+            }
+        });
+        return whole.get();
+    }
+
+    SeriesStore& m_Store;
+    const std::string m_Id;
+    const SeriesPlace m_Place;
+    const std::shared_ptr<std::atomic<bool>> m_Cancelled;
+    std::shared_ptr<OpenedSeries> m_Growing;  // once the layout is known
+    std::vector<int> m_Waiting;               // slices that are not taken yet
+    int m_NumSlices = 0;
+    int m_Percent = -1;
+    Time m_LastTaken;
+};
+
+SeriesStore::SeriesStore(Executor executor, DrawingThread& drawing, LoadOptions options)
+    : m_Executor(std::move(executor)),
+      m_Drawing(drawing),
+      m_Options(std::move(options)),
+      m_Alive(std::make_shared<Alive>(Alive{this})) {
     if (!m_Options.warn) {
         m_Options.warn = [](const std::string&) {};
     }
@@ -81,9 +213,13 @@ void SeriesStore::Open(const std::string& id, const SeriesPlace& place, Listener
         m_Executor([opened = std::move(listener.opened), series = entry.series] { opened(series); });
         return;
     }
+    if (entry.growing != nullptr) {
+        m_Executor([opened = listener.opened, series = entry.growing] { opened(series); });
+    }
     entry.listeners.push_back(std::move(listener));
     if (!entry.loader.joinable()) {
-        entry.loader = std::thread([this, id, place, cancelled = entry.cancelled] { Load(id, place, cancelled); });
+        entry.loader =
+            std::thread([this, id, place, cancelled = entry.cancelled] { Loading(*this, id, place, cancelled).Run(); });
     }
 }
 
@@ -115,48 +251,11 @@ void SeriesStore::Tell(const std::string& id, std::function<void(Entry&)> then) 
     });
 }
 
-// On a thread of its own; the import itself runs in a child process.
-void SeriesStore::Load(const std::string& id, const SeriesPlace& place,
-                       const std::shared_ptr<std::atomic<bool>>& cancelled) {
-    scene::ImportOptions options;
-    options.series = place.series;
-    options.num_threads = m_Options.num_threads;
-    options.is_cancelled = [cancelled] { return cancelled->load(); };
-    int last_percent = -1;
-    options.progress = [&](double fraction) {
-        const int percent = static_cast<int>(fraction * 100.0);
-        if (percent != last_percent) {
-            last_percent = percent;
-            Tell(id, [fraction](Entry& entry) {
-                for (const Listener& listener : entry.listeners) {
-                    listener.progress(fraction);
-                }
-            });
-        }
-    };
-    std::shared_ptr<OpenedSeries> series;
-    std::string why;
-    try {
-        scene::ImportedVolume volume = scene::ImportVolume(place.path, options);
-        for (const std::string& warning : volume.warnings) {
-            m_Options.warn(warning);
-        }
-        options.progress = {};
-        std::optional<SeriesLabels> labels = ReadLabels(m_Options, volume, options);
-        series = std::make_shared<OpenedSeries>(id, std::move(volume), std::move(labels));
-    } catch (const std::bad_alloc&) {
-        why = "memory: not enough for this series (close other programs or use --memory-budget)";
-    } catch (const std::exception& error) {
-        m_Options.warn(error.what());
-        why = WithoutPath(error.what(), place.path);
-    }
-    Tell(id, [this, id, series, why](Entry&) { Loaded(id, series, why); });
-}
-
 void SeriesStore::Loaded(const std::string& id, const std::shared_ptr<OpenedSeries>& series, const std::string& why) {
     Entry& entry = m_Entries[id];
     entry.loader.join();
     entry.series = series;
+    entry.growing.reset();
     entry.last_used = std::chrono::steady_clock::now();
     const std::vector<Listener> listeners = std::move(entry.listeners);
     entry.listeners.clear();

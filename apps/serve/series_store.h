@@ -1,6 +1,7 @@
 // Series in memory: loaded once for all clients, let go of when nobody looks at them any more.
 #pragma once
 
+#include "apps/serve/drawing_thread.h"
 #include "apps/serve/opened_series.h"
 #include "apps/serve/series_catalogue.h"
 
@@ -31,19 +32,20 @@ struct LoadOptions {
 class SeriesStore {
 public:
     struct Listener {
-        std::function<void(double fraction)> progress;
+        std::function<void(double fraction, int slices)> progress;
+        // Once; or first with a series that is not whole yet and then with the whole one.
         std::function<void(std::shared_ptr<OpenedSeries>)> opened;
         std::function<void(const std::string& why)> failed;
     };
 
-    SeriesStore(Executor executor, LoadOptions options);
+    SeriesStore(Executor executor, DrawingThread& drawing, LoadOptions options);
     // Ends what is being loaded.
     ~SeriesStore();
     SeriesStore(const SeriesStore&) = delete;
     SeriesStore& operator=(const SeriesStore&) = delete;
 
     void Open(const std::string& id, const SeriesPlace& place, Listener listener);
-    // The series when it is in memory.
+    // The series when it is in memory, whole.
     std::shared_ptr<OpenedSeries> Find(const std::string& id) const;
     // Lets go of series that nobody has looked at for a while. Call it now and then.
     void Sweep();
@@ -51,7 +53,8 @@ public:
 private:
     using Time = std::chrono::steady_clock::time_point;
     struct Entry {
-        std::shared_ptr<OpenedSeries> series;  // null while it loads
+        std::shared_ptr<OpenedSeries> series;   // null while it loads
+        std::shared_ptr<OpenedSeries> growing;  // while it loads and can be shown already
         std::vector<Listener> listeners;
         Time last_used;
         std::shared_ptr<std::atomic<bool>> cancelled = std::make_shared<std::atomic<bool>>(false);
@@ -61,12 +64,14 @@ private:
         SeriesStore* store;
     };
 
-    void Load(const std::string& id, const SeriesPlace& place, const std::shared_ptr<std::atomic<bool>>& cancelled);
+    class Loading;
+
     // Runs `then` with the entry on the executor's thread, if both still exist.
     void Tell(const std::string& id, std::function<void(Entry&)> then);
     void Loaded(const std::string& id, const std::shared_ptr<OpenedSeries>& series, const std::string& why);
 
     Executor m_Executor;
+    DrawingThread& m_Drawing;
     LoadOptions m_Options;
     std::map<std::string, Entry> m_Entries;
     std::shared_ptr<Alive> m_Alive;  // what posted functions find the store by

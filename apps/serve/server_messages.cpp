@@ -124,7 +124,7 @@ std::string VolumeMessage(OpenedSeries& series) {
                  {"window", Window(series.DefaultWindow())},
                  {"preset", series.DefaultPreset()},
                  {"tissues", Tissues(series)},
-                 {"complete", true}});
+                 {"complete", series.IsWhole()}});
 }
 
 std::string PickedMessage(const PickMessage& asked, const PickResult& result) {

@@ -9,7 +9,7 @@ Viewer::Viewer(ViewerOptions options, Executor executor, std::string token)
     : m_Options(std::move(options)),
       m_Executor(std::move(executor)),
       m_Token(std::move(token)),
-      m_Store(m_Executor, m_Options.loading),
+      m_Store(m_Executor, m_Drawing, m_Options.loading),
       m_Catalogue(
           m_Options.inputs, [this](std::function<void()> job) { m_Drawing.RunWhenIdle(std::move(job)); },
           m_Options.catalogue),

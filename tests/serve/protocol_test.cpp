@@ -24,8 +24,8 @@ TEST(Protocol, TakesAWholeScene) {
     const auto state = std::get<serve::SceneState>(serve::ParseMessage(WholeScene().dump()));
     EXPECT_EQ(state.id, 7);
     EXPECT_TRUE(state.moving);
-    EXPECT_EQ(state.panes, (std::vector<serve::Pane>{{serve::PaneMode::kSlab, 640, 480},
-                                                     {serve::PaneMode::kRender, 16, 2048}}));
+    EXPECT_EQ(state.panes,
+              (std::vector<serve::Pane>{{serve::PaneMode::kSlab, 640, 480}, {serve::PaneMode::kRender, 16, 2048}}));
     EXPECT_EQ(state.camera.pan_y, -0.2);
     EXPECT_EQ(state.window->width, 400);
     EXPECT_EQ(state.slab->offset_mm, -3);
@@ -95,9 +95,9 @@ TEST(Protocol, RefusesWhatIsOutOfBoundsAndNamesIt) {
     const std::string big = R"({"type": "open", "series": ")" + std::string(serve::kLargestMessage, 'x') + "\"}";
     const std::string deep(60000, '[');
     for (const std::string& text :
-         {std::string(), std::string("{"), std::string("[]"), std::string("{\"type\": 1}"), std::string("{\"type\": \"x\"}"),
-          std::string("{\"type\": \"scene\", \"id\": 1e999}"), std::string("{\"type\": \"open\", \"series\": \"a\\u0000\"}"),
-          big, deep}) {
+         {std::string(), std::string("{"), std::string("[]"), std::string("{\"type\": 1}"),
+          std::string("{\"type\": \"x\"}"), std::string("{\"type\": \"scene\", \"id\": 1e999}"),
+          std::string("{\"type\": \"open\", \"series\": \"a\\u0000\"}"), big, deep}) {
         EXPECT_THROW(serve::ParseMessage(text), serve::ProtocolError) << text.substr(0, 60);
     }
     // An answer to a wrong request says which.

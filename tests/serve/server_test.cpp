@@ -65,8 +65,9 @@ TEST(Server, LetsInOnlyWhoHasTheTokenAndComesFromItsOwnPage) {
     EXPECT_EQ(Get(server, "/", {{"Host", "evil.example:" + std::to_string(server.Port())}, {"Cookie", server.Cookie()}})
                   .status,
               403);
-    for (const char* const target : {"/www/../routes.cpp", "/www/%2e%2e/x", "//etc/passwd", "/api/series/x/thumbnail.png",
-                                     "/api/presets/ct-bone.png?series=../..", "/api/files/-1"}) {
+    for (const char* const target :
+         {"/www/../routes.cpp", "/www/%2e%2e/x", "//etc/passwd", "/api/series/x/thumbnail.png",
+          "/api/presets/ct-bone.png?series=../..", "/api/files/-1"}) {
         EXPECT_EQ(Get(server, target).status, 404) << target;
     }
 
