@@ -17,6 +17,9 @@ constexpr int kMostErrors = 100;
 constexpr std::size_t kMostRequests = 4;   // of one page at a time
 constexpr std::size_t kMostBacklog = 512;  // messages to a page that does not read
 constexpr std::size_t kMostStates = 64;
+constexpr int kMostPicks = 8;    // of one page at a time
+constexpr int kMostLoading = 4;  // series at a time
+constexpr std::chrono::milliseconds kPauseOfMotion{500};
 constexpr std::size_t kGreatPicture = 2U << 20;  // pixels
 
 const char* NameOf(PaneMode mode) {
@@ -106,7 +109,11 @@ void ClientSession::Take(const OpenMessage& message) {
     if (!place) {
         throw ProtocolError("series: there is none of that name (/api/series lists them)");
     }
+    if (m_Viewer.Store().NumLoading() >= kMostLoading) {
+        throw ProtocolError("open: other series are being read (try again in a moment)");
+    }
     m_Series = message.series;
+    m_Picks = 0;
     EndRequests("export: another series was opened");
     m_Opened.reset();
     m_States.clear();
@@ -223,9 +230,15 @@ void ClientSession::Take(const ShownMessage& message) {
 }
 
 void ClientSession::NoteRate(const DrawnFrame& frame) {
+    const auto now = std::chrono::steady_clock::now();
+    if (now - m_LastSent > kPauseOfMotion) {
+        m_RateSince = now;
+        m_FramesSince = 0;
+        m_DrawMsSince = 0.0;
+    }
+    m_LastSent = now;
     ++m_FramesSince;
     m_DrawMsSince += frame.draw_ms;
-    const auto now = std::chrono::steady_clock::now();
     const double seconds = std::chrono::duration<double>(now - m_RateSince).count();
     if (seconds >= 1.0) {
         m_Outbox->SendText(RateMessage(m_FramesSince / seconds, m_DrawMsSince / m_FramesSince, m_Viewer.NumClients()));
@@ -240,7 +253,14 @@ void ClientSession::Take(const PickMessage& message) {
     if (state == nullptr || static_cast<std::size_t>(message.pane) >= state->panes.size()) {
         throw ProtocolError("pick: the pane shows no picture yet", message.request);
     }
-    const auto answer = Later([](ClientSession& self, const std::string& text) { self.m_Outbox->SendText(text); });
+    if (m_Picks >= kMostPicks) {
+        throw ProtocolError("pick: too many at once (wait for the answers)", message.request);
+    }
+    ++m_Picks;
+    const auto answer = Later([](ClientSession& self, const std::string& text) {
+        --self.m_Picks;
+        self.m_Outbox->SendText(text);
+    });
     m_Viewer.Drawing().Ask(m_Drawing, true, [message, state, answer](ClientScene& scene, const SceneState&) {
         try {
             const Pane& pane = state->panes[static_cast<std::size_t>(message.pane)];

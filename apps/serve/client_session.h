@@ -77,7 +77,10 @@ private:
     using Cancelled = std::shared_ptr<std::atomic<bool>>;
     std::map<std::int64_t, Cancelled> m_Requests;
 
+    int m_Picks = 0;  // that are not answered yet
+
     std::chrono::steady_clock::time_point m_RateSince;
+    std::chrono::steady_clock::time_point m_LastSent;
     int m_FramesSince = 0;
     double m_DrawMsSince = 0.0;
 };

@@ -96,8 +96,13 @@ void DrawingThread::SetScene(ClientId id, SceneState state) {
         // A steady hand sends states faster than pictures can be drawn: a moving picture that is begun is finished as
         // long as the hand moves, or none ever would be.
         const bool goes_on = same_panes && state.moving && m_RunningMoves;
+        // Who lets go sees almost the picture at rest already.
+        const bool lets_go = same_panes && client.state->moving && !state.moving;
         client.state = std::move(state);
         client.DrawAnew();
+        for (PaneProgress& pane : client.panes) {
+            pane.drawn_once = lets_go && pane.moved;
+        }
         CancelStepIf(m_RunningId == id && !goes_on);
         GiveWay(client);
     }
@@ -354,9 +359,10 @@ void DrawingThread::Finish(Step& step, double seconds, bool completed) {
     if (step.kind == StepKind::kSceneJob) {
         return;
     }
+    PaneProgress& pane = client.panes[static_cast<std::size_t>(step.pane)];
+    pane.moved = pane.moved || (step.state.moving && client.series == step.series);
     // A failed frame is not tried again for the same state.
     if (client.state && client.state->id == step.state.id) {
-        PaneProgress& pane = client.panes[static_cast<std::size_t>(step.pane)];
         pane.drawn_once = true;
         pane.finished = step.state.moving || m_FrameFinal || !m_FrameDone || !step.series->IsWhole();
     }

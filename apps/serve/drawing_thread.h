@@ -86,6 +86,7 @@ private:
         bool waiting = false;     // see SetWaiting
         bool drawn_once = false;  // any picture of this state
         bool finished = false;    // nothing is left to draw for this state
+        bool moved = false;       // a moving picture was drawn some time
     };
     struct Client {
         std::shared_ptr<ClientPort> port;

@@ -218,6 +218,7 @@ void SeriesStore::Open(const std::string& id, const SeriesPlace& place, Listener
     }
     entry.listeners.push_back(std::move(listener));
     if (!entry.loader.joinable()) {
+        MakeRoom();
         entry.loader =
             std::thread([this, id, place, cancelled = entry.cancelled] { Loading(*this, id, place, cancelled).Run(); });
     }
@@ -226,6 +227,21 @@ void SeriesStore::Open(const std::string& id, const SeriesPlace& place, Listener
 std::shared_ptr<OpenedSeries> SeriesStore::Find(const std::string& id) const {
     const auto found = m_Entries.find(id);
     return found != m_Entries.end() ? found->second.series : nullptr;
+}
+
+int SeriesStore::NumLoading() const {
+    return static_cast<int>(std::count_if(m_Entries.begin(), m_Entries.end(),
+                                          [](const auto& entry) { return entry.second.loader.joinable(); }));
+}
+
+// Of the series that nobody looks at only the one that was used last stays.
+void SeriesStore::MakeRoom() {
+    const auto is_unused = [](const Entry& entry) { return entry.series != nullptr && entry.series.use_count() == 1; };
+    Time last;
+    for (const auto& [id, entry] : m_Entries) {
+        last = is_unused(entry) ? std::max(last, entry.last_used) : last;
+    }
+    std::erase_if(m_Entries, [&](const auto& e) { return is_unused(e.second) && e.second.last_used < last; });
 }
 
 void SeriesStore::Sweep() {

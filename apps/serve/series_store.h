@@ -47,6 +47,7 @@ public:
     void Open(const std::string& id, const SeriesPlace& place, Listener listener);
     // The series when it is in memory, whole.
     std::shared_ptr<OpenedSeries> Find(const std::string& id) const;
+    int NumLoading() const;
     // Lets go of series that nobody has looked at for a while. Call it now and then.
     void Sweep();
 
@@ -66,6 +67,7 @@ private:
 
     class Loading;
 
+    void MakeRoom();
     // Runs `then` with the entry on the executor's thread, if both still exist.
     void Tell(const std::string& id, std::function<void(Entry&)> then);
     void Loaded(const std::string& id, const std::shared_ptr<OpenedSeries>& series, const std::string& why);
