@@ -326,6 +326,23 @@ onPage("a saved picture is the one on the screen", async viewer => {
     assert.equal(most, 0);
 });
 
+onPage("a movie of a turn is made, and can be cancelled", async (viewer, context) => {
+    await viewer.page.getByText("Take away", { exact: true }).click();
+    const cancel = viewer.page.getByRole("button", { name: "Cancel" });
+    const refused = viewer.page.getByText(/without movies|cannot make films/);
+    await viewer.page.getByRole("button", { name: "Save movie" }).click();
+    await cancel.or(refused).first().waitFor();
+    if (await refused.isVisible()) {
+        context.skip("this server was built without an encoder");
+        return;
+    }
+    await cancel.click();
+    await viewer.page.getByText("Cancelled").waitFor();
+    await viewer.page.locator("label.row", { hasText: "A turn takes" }).locator("select").selectOption("4");
+    const [movie] = await Promise.all([viewer.page.waitForEvent("download", { timeout: 150_000 }), viewer.page.getByRole("button", { name: "Save movie" }).click()]);
+    assert.ok(fs.statSync(await movie.path()).size > 10_000, movie.suggestedFilename());
+});
+
 test("a cut connection comes back with the same scene", { timeout: 120_000 }, async () => {
     const between = await wire(server.port);
     const mapped = await launch(`--host-resolver-rules=MAP localhost:${server.port} 127.0.0.1:${between.port}`);
