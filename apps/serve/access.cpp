@@ -58,10 +58,9 @@ bool SameText(std::string_view a, std::string_view b) {
     return difference == 0;
 }
 
-AccessRules::AccessRules(std::string token, std::string address, unsigned short port)
-    : m_Token(std::move(token)), m_Port(std::to_string(port)), m_CookieName("volr_" + m_Port) {
+AccessRules::AccessRules(std::string token, const std::string& address, unsigned short port)
+    : m_Token(std::move(token)), m_Port(std::to_string(port)), m_CookieName("volr_" + m_Port), m_Names{"localhost"} {
     m_Loopback = address == "127.0.0.1" || address == "::1";
-    m_Names = {"localhost"};
     if (m_Loopback) {
         m_Names.insert(m_Names.end(), {"127.0.0.1", "[::1]"});
     } else if (const std::string name = Lower(MachineName()); !name.empty()) {

@@ -19,7 +19,7 @@ bool SameText(std::string_view a, std::string_view b);
 class AccessRules {
 public:
     // `address` is the one that the server listens on.
-    AccessRules(std::string token, std::string address, unsigned short port);
+    AccessRules(std::string token, const std::string& address, unsigned short port);
 
     const std::string& Token() const { return m_Token; }
 
