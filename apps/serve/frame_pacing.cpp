@@ -33,6 +33,7 @@ constexpr double kWellBelow = 0.75;  // the same
 constexpr int kFramesTooSlow = 3;    // before a coarser effort: the first frame of a new look takes longer
 constexpr int kTrial = 12;           // frames that a finer effort must last to count as good
 constexpr int kMostPatience = 240;
+constexpr int kSetback = 4;  // frames well below the time that one other undoes
 
 }  // namespace
 
@@ -46,7 +47,8 @@ FrameEffort FramePacing::Effort() const {
 
 void FramePacing::Note(double frame_ms, double budget_ms) {
     m_TooSlow = frame_ms > kTooSlow * budget_ms ? m_TooSlow + 1 : 0;
-    m_WellBelow = frame_ms < kWellBelow * budget_ms ? m_WellBelow + 1 : 0;
+    // A single frame that something else on the machine held up does not count for much.
+    m_WellBelow = frame_ms < kWellBelow * budget_ms ? m_WellBelow + 1 : std::max(0, m_WellBelow - kSetback);
     ++m_SinceFiner;
     if (m_SinceFiner == 2 * kMostPatience) {
         m_Patience = kLeastPatience;

@@ -38,8 +38,8 @@ private:
     bool m_IsRendering;
     std::size_t m_Rung = 0;           // 0 is the finest
     int m_TooSlow = 0;                // frames in a row
-    int m_WellBelow = 0;              // the same
-    int m_SinceFiner = 0;             // frames since a finer effort was tried
+    int m_WellBelow = 0;              // frames, less some for each that was not
+    int m_SinceFiner = 1000;          // frames since a finer effort was tried; many: none was
     int m_Patience = kLeastPatience;  // frames well below the time before a finer effort is tried
 };
 
