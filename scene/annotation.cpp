@@ -19,13 +19,11 @@ struct Glyph {
     const char* strokes;
 };
 
-constexpr std::array<Glyph, 24> kGlyphs = {{
+constexpr std::array<Glyph, 22> kGlyphs = {{
     {'A', "0620 2046 1434"},
     {'P', "0600 0030 3041 4142 4233 3303"},
     {'R', "0600 0030 3041 4142 4233 3303 2346"},
     {'L', "0006 0646"},
-    {'H', "0006 4046 0343"},
-    {'F', "0600 0040 0333"},
     {'S', "4130 3010 1001 0102 0213 1333 3344 4445 4536 3616 1605"},
     {'I', "2026 1030 1636"},
     {'0', "1030 3041 4145 4536 3616 1605 0501 0110"},
@@ -140,7 +138,7 @@ std::string BarLabel(double length_mm) {
 std::string DirectionLetters(const Vec3& direction) {
     const Vec3 d = Normalised(direction);
     std::array<std::pair<double, char>, 3> parts = {
-        {{d.x, d.x < 0 ? 'R' : 'L'}, {d.y, d.y < 0 ? 'A' : 'P'}, {d.z, d.z < 0 ? 'F' : 'H'}}};
+        {{d.x, d.x < 0 ? 'R' : 'L'}, {d.y, d.y < 0 ? 'A' : 'P'}, {d.z, d.z < 0 ? 'I' : 'S'}}};
     std::stable_sort(parts.begin(), parts.end(),
                      [](const auto& a, const auto& b) { return std::abs(a.first) > std::abs(b.first) + 1e-9; });
     std::string letters;

@@ -9,8 +9,8 @@
 
 namespace scene {
 
-// The letters of a direction, strongest first: R or L (right, left), A or P (front, back), H or F (head, feet). Axes
-// that take part by less than about 17 degrees are left out.
+// The letters of a direction, strongest first: R or L (right, left), A or P (front, back), S or I (superior, inferior).
+// Axes that take part by less than about 17 degrees are left out.
 std::string DirectionLetters(const Vec3& direction);
 
 // Length of a scale bar that suits a picture: 1, 2 or 5 times a power of ten mm, at most a quarter of the width.

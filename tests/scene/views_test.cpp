@@ -35,9 +35,9 @@ struct Expectation {
 
 TEST(Views, StandardViewsFollowTheRadiologicalConvention) {
     const Expectation expectations[] = {
-        {StandardView::kAnterior, "R", "H", "A"}, {StandardView::kPosterior, "L", "H", "P"},
-        {StandardView::kLeft, "A", "H", "L"},     {StandardView::kRight, "P", "H", "R"},
-        {StandardView::kSuperior, "L", "A", "H"}, {StandardView::kInferior, "R", "A", "F"},
+        {StandardView::kAnterior, "R", "S", "A"}, {StandardView::kPosterior, "L", "S", "P"},
+        {StandardView::kLeft, "A", "S", "L"},     {StandardView::kRight, "P", "S", "R"},
+        {StandardView::kSuperior, "L", "A", "S"}, {StandardView::kInferior, "R", "A", "I"},
     };
     for (const Expectation& e : expectations) {
         const Camera camera = MakeCamera(Facing(e.face), Subject{});
@@ -58,12 +58,12 @@ TEST(Views, AnglesWalkClimbAndTurnTheWayTheySay) {
     view.elevation_deg = 90.0;
     ExpectSame(MakeCamera(view, Subject{}).into, {0.0, 0.0, -1.0});
     view.elevation_deg = 30.0;
-    EXPECT_EQ(scene::DirectionLetters(-MakeCamera(view, Subject{}).into), "AH");
+    EXPECT_EQ(scene::DirectionLetters(-MakeCamera(view, Subject{}).into), "AS");
 
     // Clockwise: the head moves from the top to the right edge.
     view = Facing(StandardView::kAnterior);
     view.roll_deg = 90.0;
-    EXPECT_EQ(scene::DirectionLetters(MakeCamera(view, Subject{}).right), "H");
+    EXPECT_EQ(scene::DirectionLetters(MakeCamera(view, Subject{}).right), "S");
 }
 
 TEST(Views, PictureGeometryAndProjectionAgree) {

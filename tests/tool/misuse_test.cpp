@@ -119,7 +119,7 @@ TEST_F(Misuse, InfoTellsTheGeometryAndQuietIsQuiet) {
     const Outcome info = Volr({"info", In(), "--json"});
     const nlohmann::json json = nlohmann::json::parse(info.out);
     EXPECT_EQ(json["dims"], (std::array<int, 3>{40, 40, 40}));
-    EXPECT_EQ(json["orientation"], (std::array<std::string, 3>{"L", "P", "H"}));
+    EXPECT_EQ(json["orientation"], (std::array<std::string, 3>{"L", "P", "S"}));
     EXPECT_EQ(json["index_to_patient"][3], -19.5);
     const Outcome quiet = Volr({"render", In(), "-o", Out(), "--quiet"});
     EXPECT_EQ(quiet.out + quiet.err, "");
