@@ -44,7 +44,7 @@ public:
     void Failed(const std::string& why) override {
         m_Executor([session = m_Session, why] {
             if (const auto still = session.lock(); still && !still->m_Ended) {
-                still->m_Outbox->SendText(ErrorMessage(why));
+                still->m_Outbox.SendText(ErrorMessage(why));
             }
         });
     }
@@ -65,12 +65,12 @@ auto ClientSession::Later(Function function) {
     };
 }
 
-ClientSession::ClientSession(Viewer& viewer, std::shared_ptr<Outbox> outbox)
-    : m_Viewer(viewer), m_Outbox(std::move(outbox)), m_RateSince(std::chrono::steady_clock::now()) {}
+ClientSession::ClientSession(Viewer& viewer, Outbox& outbox)
+    : m_Viewer(viewer), m_Outbox(outbox), m_RateSince(std::chrono::steady_clock::now()) {}
 
 void ClientSession::Start() {
     m_Drawing = m_Viewer.Drawing().Join(std::make_shared<Port>(m_Viewer.Post(), weak_from_this()));
-    m_Outbox->SendText(HelloMessage({m_Viewer.Token(), m_Viewer.Options().most_clients, m_Viewer.OnlySeries()}));
+    m_Outbox.SendText(HelloMessage({m_Viewer.Token(), m_Viewer.Options().most_clients, m_Viewer.OnlySeries()}));
 }
 
 void ClientSession::End() {
@@ -83,8 +83,8 @@ void ClientSession::OnText(std::string_view text) {
     if (m_Ended) {
         return;
     }
-    if (m_Outbox->Backlog() > kMostBacklog) {
-        m_Outbox->Close();
+    if (m_Outbox.Backlog() > kMostBacklog) {
+        m_Outbox.Close();
         return;
     }
     try {
@@ -97,10 +97,10 @@ void ClientSession::OnText(std::string_view text) {
 
 void ClientSession::Complain(const std::string& text, std::optional<std::int64_t> request) {
     const bool enough = ++m_Errors >= kMostErrors;
-    m_Outbox->SendText(ErrorMessage(text, request));
+    m_Outbox.SendText(ErrorMessage(text, request));
     if (enough) {
-        m_Outbox->SendText(ErrorMessage("too many wrong messages: the connection is closed", {}, true));
-        m_Outbox->Close();
+        m_Outbox.SendText(ErrorMessage("too many wrong messages: the connection is closed", {}, true));
+        m_Outbox.Close();
     }
 }
 
@@ -131,14 +131,14 @@ void ClientSession::Take(const OpenMessage& message) {
         message.series, *place,
         {Later(if_wanted([](ClientSession& self, double fraction, int slices) {
              const int of = self.m_Opened != nullptr ? self.m_Opened->Source().Info().dims[2] : 0;
-             self.m_Outbox->SendText(OpeningMessage(self.m_Series, std::min(fraction, 0.99), slices, of));
+             self.m_Outbox.SendText(OpeningMessage(self.m_Series, std::min(fraction, 0.99), slices, of));
          })),
          Later(
              if_wanted([](ClientSession& self, const std::shared_ptr<OpenedSeries>& series) { self.Opened(series); })),
          Later(if_wanted([](ClientSession& self, const std::string& why) {
              self.m_Series.clear();
              self.m_Opened.reset();
-             self.m_Outbox->SendText(ErrorMessage(why));
+             self.m_Outbox.SendText(ErrorMessage(why));
          }))});
 }
 
@@ -147,9 +147,9 @@ void ClientSession::Opened(const std::shared_ptr<OpenedSeries>& series) {
     m_Viewer.Drawing().SetSeries(m_Drawing, series);
     if (series->IsWhole()) {
         const int slices = series->Source().Info().dims[2];
-        m_Outbox->SendText(OpeningMessage(m_Series, 1.0, slices, slices));
+        m_Outbox.SendText(OpeningMessage(m_Series, 1.0, slices, slices));
     }
-    m_Outbox->SendText(VolumeMessage(*series));
+    m_Outbox.SendText(VolumeMessage(*series));
 }
 
 void ClientSession::Take(const SceneState& message) {
@@ -211,7 +211,7 @@ void ClientSession::Send(DrawnFrame&& frame) {
     PaneState& pane = m_Panes[static_cast<std::size_t>(frame.pane)];
     pane.unshown = frame.scene;
     pane.sent = StateOf(frame.scene);
-    m_Outbox->SendPicture(PictureMessage(frame));
+    m_Outbox.SendPicture(PictureMessage(frame));
     NoteRate(frame);
 }
 
@@ -241,7 +241,7 @@ void ClientSession::NoteRate(const DrawnFrame& frame) {
     m_DrawMsSince += frame.draw_ms;
     const double seconds = std::chrono::duration<double>(now - m_RateSince).count();
     if (seconds >= 1.0) {
-        m_Outbox->SendText(RateMessage(m_FramesSince / seconds, m_DrawMsSince / m_FramesSince, m_Viewer.NumClients()));
+        m_Outbox.SendText(RateMessage(m_FramesSince / seconds, m_DrawMsSince / m_FramesSince, m_Viewer.NumClients()));
         m_RateSince = now;
         m_FramesSince = 0;
         m_DrawMsSince = 0.0;
@@ -259,7 +259,7 @@ void ClientSession::Take(const PickMessage& message) {
     ++m_Picks;
     const auto answer = Later([](ClientSession& self, const std::string& text) {
         --self.m_Picks;
-        self.m_Outbox->SendText(text);
+        self.m_Outbox.SendText(text);
     });
     m_Viewer.Drawing().Ask(m_Drawing, true, [message, state, answer](ClientScene& scene, const SceneState&) {
         try {
@@ -310,7 +310,7 @@ void ClientSession::ExportPicture(const ExportMessage& message) {
     });
     const auto failed = Later(
         [request = message.request](ClientSession& self, const std::string& why) { self.FailRequest(request, why); });
-    m_Outbox->SendText(ProgressMessage(message.request, 0.0));
+    m_Outbox.SendText(ProgressMessage(message.request, 0.0));
     m_Viewer.Drawing().Ask(m_Drawing, false, [=](ClientScene& scene, const SceneState&) {
         if (cancelled->load()) {
             return;
@@ -346,7 +346,7 @@ void ClientSession::ExportMovie(const ExportMessage& message) {
     const auto failed = Later(
         [request = message.request](ClientSession& self, const std::string& why) { self.FailRequest(request, why); });
     const auto progress = Later([request = message.request](ClientSession& self, double fraction) {
-        self.m_Outbox->SendText(ProgressMessage(request, fraction));
+        self.m_Outbox.SendText(ProgressMessage(request, fraction));
     });
     const auto name = std::string(NameOf(state->panes[static_cast<std::size_t>(message.pane)].mode)) + ".mp4";
     // A piece holds itself by the next one that it asks for.
@@ -370,7 +370,7 @@ void ClientSession::ExportMovie(const ExportMessage& message) {
             failed(std::string(error.what()));
         }
     };
-    m_Outbox->SendText(ProgressMessage(message.request, 0.0));
+    m_Outbox.SendText(ProgressMessage(message.request, 0.0));
     m_Viewer.Drawing().Ask(m_Drawing, false,
                            [piece](ClientScene& s, const SceneState& newest) { (*piece)(s, newest); });
 }
@@ -389,19 +389,19 @@ void ClientSession::CompleteRequest(std::int64_t request, ShelvedFile&& file) {
     }
     const std::string name = file.name;
     const std::size_t bytes = file.bytes.size();
-    m_Outbox->SendText(FileMessage(request, m_Viewer.Files().Put(std::move(file)), name, bytes));
+    m_Outbox.SendText(FileMessage(request, m_Viewer.Files().Put(std::move(file)), name, bytes));
 }
 
 void ClientSession::FailRequest(std::int64_t request, const std::string& why) {
     if (m_Requests.erase(request) != 0) {
-        m_Outbox->SendText(ErrorMessage(why, request));
+        m_Outbox.SendText(ErrorMessage(why, request));
     }
 }
 
 void ClientSession::EndRequests(const std::string& why) {
     for (const auto& [request, cancelled] : m_Requests) {
         cancelled->store(true);
-        m_Outbox->SendText(ErrorMessage(why, request));
+        m_Outbox.SendText(ErrorMessage(why, request));
     }
     m_Requests.clear();
 }

@@ -21,7 +21,7 @@ namespace serve {
 // that a newer scene has made stale. For the viewer's thread alone.
 class ClientSession : public std::enable_shared_from_this<ClientSession> {
 public:
-    ClientSession(Viewer& viewer, std::shared_ptr<Outbox> outbox);
+    ClientSession(Viewer& viewer, Outbox& outbox);
 
     void Start();  // greets
     void OnText(std::string_view text);
@@ -64,7 +64,7 @@ private:
     auto Later(Function function);
 
     Viewer& m_Viewer;
-    std::shared_ptr<Outbox> m_Outbox;
+    Outbox& m_Outbox;  // owns the session
     DrawingThread::ClientId m_Drawing = 0;
     bool m_Ended = false;
     int m_Errors = 0;

@@ -41,7 +41,7 @@ void SocketSession::Start(const beast::http::request<beast::http::empty_body>& r
         if (error) {
             return;
         }
-        self->m_Session = self->m_Viewer.Connect(self);
+        self->m_Session = self->m_Viewer.Connect(*self);
         self->Read();
     });
 }

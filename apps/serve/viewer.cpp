@@ -15,14 +15,14 @@ Viewer::Viewer(ViewerOptions options, Executor executor, std::string token)
           m_Options.catalogue),
       m_Presets(m_Drawing, m_Executor) {}
 
-std::shared_ptr<ClientSession> Viewer::Connect(std::shared_ptr<Outbox> outbox) {
+std::shared_ptr<ClientSession> Viewer::Connect(Outbox& outbox) {
     if (m_NumClients >= m_Options.most_clients) {
-        outbox->SendText(ErrorMessage("the viewer has as many pages open as it may (close another one)", {}, true));
-        outbox->Close();
+        outbox.SendText(ErrorMessage("the viewer has as many pages open as it may (close another one)", {}, true));
+        outbox.Close();
         return nullptr;
     }
     ++m_NumClients;
-    auto session = std::make_shared<ClientSession>(*this, std::move(outbox));
+    auto session = std::make_shared<ClientSession>(*this, outbox);
     session->Start();
     return session;
 }

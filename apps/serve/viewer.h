@@ -44,8 +44,9 @@ public:
     // `token` is told to clients, which make links of it. Throws Error of the input kind when an input does not exist.
     Viewer(ViewerOptions options, Executor executor, std::string token);
 
-    // Null when there are as many clients as there may be: the outbox was told so.
-    std::shared_ptr<ClientSession> Connect(std::shared_ptr<Outbox> outbox);
+    // Null when there are as many clients as there may be: the outbox was told so. The outbox must own the session: it
+    // is used until Disconnect, which comes before its end, or until the viewer ends.
+    std::shared_ptr<ClientSession> Connect(Outbox& outbox);
     void Disconnect(ClientSession& session);
     // Lets go of what nobody has used for a while. Call it every few seconds.
     void Sweep();
