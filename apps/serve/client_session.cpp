@@ -70,7 +70,8 @@ ClientSession::ClientSession(Viewer& viewer, Outbox& outbox)
 
 void ClientSession::Start() {
     m_Drawing = m_Viewer.Drawing().Join(std::make_shared<Port>(m_Viewer.Post(), weak_from_this()));
-    m_Outbox.SendText(HelloMessage({m_Viewer.Token(), m_Viewer.Options().most_clients, m_Viewer.OnlySeries()}));
+    const ViewerOptions& options = m_Viewer.Options();
+    m_Outbox.SendText(HelloMessage({m_Viewer.Token(), options.most_clients, options.budget_ms, m_Viewer.OnlySeries()}));
 }
 
 void ClientSession::End() {

@@ -94,6 +94,7 @@ std::string HelloMessage(const HelloFacts& facts) {
                  {"instructionSet", IP_VOLR_GetInfo().instruction_set},
                  {"threads", TCO_CompoundTaskManager::GetNumberOfServers()},
                  {"presets", Presets()},
+                 {"budgetMs", facts.budget_ms},
                  {"limits",
                   {{"clients", facts.most_clients},
                    {"pane", kLargestPane},

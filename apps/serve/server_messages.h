@@ -15,6 +15,7 @@ namespace serve {
 struct HelloFacts {
     std::string token;
     int most_clients = 0;
+    double budget_ms = kDefaultBudgetMs;     // of a moving picture, unless the page says otherwise
     std::optional<std::string> only_series;  // id of a series that is the only one
 };
 

@@ -419,7 +419,7 @@ test("the start page lists the series of a folder, and opens the one that is cho
     for (const [name, kind] of [["first", "head"], ["second", "bricks"]]) {
         await tool("phantom", kind, "--size", "96,96,72", "-o", path.join(folder, `${name}.mha`), "--quiet");
     }
-    const many = await serve(folder, "--show-names", "--port", "0");
+    const many = await serve(folder, "--show-names", "--budget", "250", "--port", "0");
     try {
         const viewer = await Viewer.open(browser, many.link, { viewport: { width: 1100, height: 700 }, colorScheme: "dark" });
         const cards = viewer.page.locator(".card");
@@ -432,6 +432,7 @@ test("the start page lists the series of a folder, and opens the one that is cho
         await viewer.rest();
         const title = await viewer.page.locator("#title").innerText();
         assert.match(title, /first|second/);
+        assert.equal(await viewer.page.getByRole("slider", { name: "Time for a picture", includeHidden: true }).inputValue(), "250");
         await viewer.page.getByRole("button", { name: "All series" }).click();
         await cards.nth(1).click();
         await viewer.page.waitForFunction(old => document.querySelector("#title")?.textContent !== old, title);

@@ -136,6 +136,7 @@ TEST(Server, SendsNothingStaleAndOnePictureAtATime) {
 TEST(Server, APageThatReadsNothingCostsOthersNothing) {
     serve::ViewerOptions options;
     options.most_clients = 3;
+    options.budget_ms = 47.0;
     const Server server(options);
     Page silent(server);
     Page lively(server);
@@ -156,7 +157,9 @@ TEST(Server, APageThatReadsNothingCostsOthersNothing) {
 
     // Room for the third again, none for a fourth.
     Page third(server);
-    EXPECT_EQ(third.Await("hello").json["limits"]["clients"], 3);
+    const Json hello = third.Await("hello").json;
+    EXPECT_EQ(hello["limits"]["clients"], 3);
+    EXPECT_EQ(hello["budgetMs"], 47.0);
     Page fourth(server);
     const Json refusal = fourth.Await("error").json;
     EXPECT_TRUE(refusal["fatal"]);

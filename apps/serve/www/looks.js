@@ -133,9 +133,10 @@ export function slabSection() {
 }
 
 export function speedSection() {
+    const served = () => open.hello?.budgetMs ?? 33;
     const budget = slider({
-        label: "Time for a picture while it moves", unit: "ms", step: 1, range: () => [8, 200],
-        get: s => s.budgetMs ?? open.hello?.limits.budgetMs ?? 33, set: value => ({ budgetMs: value }),
+        label: "Time for a picture while it moves", unit: "ms", step: 1, range: () => [8, Math.max(200, served())],
+        get: s => s.budgetMs ?? served(), set: value => ({ budgetMs: value }),
     });
     const rate = html("p", { class: "quiet", id: "rate" }, "Turn the picture to see how fast it is drawn.");
     return {

@@ -57,6 +57,7 @@ import { dot } from "./vectors.js";
  * @property {string} instructionSet
  * @property {number} threads
  * @property {Preset[]} presets
+ * @property {number} budgetMs for a moving picture, unless the page says otherwise
  * @property {Record<string, number>} limits
  * @property {string | null} default
  */
