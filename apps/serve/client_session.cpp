@@ -296,7 +296,7 @@ void ClientSession::Take(const ExportMessage& message) {
 }
 
 ClientSession::State ClientSession::StateToExport(const ExportMessage& message) const {
-    const State state = m_States.empty() ? nullptr : m_States.back();
+    State state = m_States.empty() ? nullptr : m_States.back();
     if (state == nullptr || static_cast<std::size_t>(message.pane) >= state->panes.size()) {
         throw ProtocolError("export: there is no such pane", message.request);
     }

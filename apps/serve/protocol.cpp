@@ -119,7 +119,7 @@ std::vector<TissueChoice> ParseTissues(const Fields& scene) {
 }
 
 std::string ParsePreset(const Fields& fields) {
-    const std::string name = fields.Has("preset") ? fields.Text("preset", kLongestName) : "";
+    std::string name = fields.Has("preset") ? fields.Text("preset", kLongestName) : "";
     if (!name.empty() && scene::FindPreset(name) == nullptr) {
         throw ProtocolError("preset: there is none of that name (/api/presets lists them)");
     }

@@ -107,7 +107,7 @@ std::shared_ptr<const std::string> SeriesCatalogue::Thumbnail(const std::string&
 void SeriesCatalogue::Scan(const std::stop_token& stop) {
     YieldToOthers();
     SearchListener listener;
-    listener.on_found = [this](FoundSeries found) { Add(std::move(found)); };
+    listener.on_found = [this](const FoundSeries& found) { Add(found); };
     listener.on_problem = [this](const std::string& line) {
         const std::lock_guard lock(m_Mutex);
         if (m_Problems.size() < kMostProblems) {
@@ -127,7 +127,7 @@ void SeriesCatalogue::Scan(const std::stop_token& stop) {
     m_IsScanning = false;
 }
 
-void SeriesCatalogue::Add(FoundSeries found) {
+void SeriesCatalogue::Add(const FoundSeries& found) {
     Known known;
     known.entry.folder = LastPart(found.path);
     known.entry.modality = found.info.modality;

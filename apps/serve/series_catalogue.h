@@ -70,7 +70,7 @@ private:
     };
 
     void Scan(const std::stop_token& stop);
-    void Add(FoundSeries found);
+    void Add(const FoundSeries& found);
     void DrawThumbnails(const std::stop_token& stop);
     std::shared_ptr<const std::string> MakeThumbnail(const Known& series, const std::stop_token& stop) const;
     const Known* FindKnown(const std::string& id) const;  // under the lock
