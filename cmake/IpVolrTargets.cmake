@@ -27,7 +27,8 @@ function(ip_volr_test name)
   if(NOT sources)
     return()
   endif()
-  add_executable(test_${name} ${sources} ${PROJECT_SOURCE_DIR}/tests/support/test_main.cpp)
+  add_executable(test_${name} ${sources} ${PROJECT_SOURCE_DIR}/tests/support/test_main.cpp
+    ${PROJECT_SOURCE_DIR}/tests/support/refused_memory.cpp)
   ip_volr_defaults(test_${name})
   if(IP_VOLR_SANITIZE MATCHES undefined)
     # Looked for in what is tested. In the tests' own macros it would take twice as long to compile.

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -36,12 +37,12 @@ template <class Slice>
 std::unique_ptr<Slice> make_slice(std::size_t bytes, const PixelDataAttributes& attributes) {
     MEM_MemPager* const pager = MEM_MemPager::GetHandleForMP();
     auto info = std::make_unique<MEM_PagerInfo>(pager);
+    auto slice = std::make_unique<Slice>(nullptr, attributes, 0);
     if (pager->Allocate64(bytes, info.get(), 0) != 0) {
         return nullptr;
     }
     std::memset(info->Ptr(), 0, bytes);
-    auto slice = std::make_unique<Slice>(info.release(), attributes, 0);
-    slice->SetOwnsData(true);
+    slice->SetData(info.release(), true);
     return slice;
 }
 
@@ -69,14 +70,20 @@ void clamp_first_half(short* pixels, std::size_t num_pixels) {
         pixels, pixels + num_pixels / 2, [](short value) { return value < 0; }, short{0});
 }
 
-// One 16-bit slice from a file; null when memory is refused.
-std::unique_ptr<IP_ShortSlice> read_slice(std::FILE* file, const Dims& dims) {
+// One 16-bit slice of a series; null when there is no such file or memory is refused.
+std::unique_ptr<IP_ShortSlice> read_numbered_slice(const wchar_t* directory, long long number, const Dims& dims) try {
+    const DiskFile file = ip_volr::open_for_reading(image_path(directory, number));
+    if (file == nullptr) {
+        return nullptr;
+    }
     auto slice = make_slice<IP_ShortSlice>(dims.SliceVoxels() * 2, PixelDataAttributes{dims.x, dims.y, 16, true});
     if (slice != nullptr) {
-        ip_volr::read_bytes(file, slice->GetMappedSlice(), dims.SliceVoxels() * 2);
+        ip_volr::read_bytes(file.get(), slice->GetMappedSlice(), dims.SliceVoxels() * 2);
         clamp_first_half(slice->GetMappedSlice(), dims.SliceVoxels());
     }
     return slice;
+} catch (const std::bad_alloc&) {
+    return nullptr;
 }
 
 // Cuts a box along z to the given number of slices of the given spacing.
@@ -126,8 +133,7 @@ void ReadDataFromDisk(IP_VolData** volume, const wchar_t* directory, int first_n
 
     int num_read = 0;
     for (; num_read < dims.z; ++num_read) {
-        const DiskFile file = ip_volr::open_for_reading(image_path(directory, first_number + 1LL * num_read));
-        auto slice = file == nullptr ? nullptr : read_slice(file.get(), dims);
+        auto slice = read_numbered_slice(directory, first_number + 1LL * num_read, dims);
         if (slice == nullptr) {
             break;
         }
@@ -141,7 +147,7 @@ void ReadDataFromDisk(IP_VolData** volume, const wchar_t* directory, int first_n
     std::printf("\n");
 }
 
-bool ReadTissueFromDisk(IP_VolData** volume, const char* path) {
+bool ReadTissueFromDisk(IP_VolData** volume, const char* path) try {
     if (volume == nullptr || *volume == nullptr || path == nullptr) {
         return false;
     }
@@ -163,9 +169,11 @@ bool ReadTissueFromDisk(IP_VolData** volume, const char* path) {
         store_slice(std::move(slice), z, **volume);
     }
     return true;
+} catch (const std::bad_alloc&) {
+    return false;
 }
 
-bool ConvertRBVToTissue(IP_VolData** volume, IP_RealBitVol* mask) {
+bool ConvertRBVToTissue(IP_VolData** volume, IP_RealBitVol* mask) try {
     if (volume == nullptr) {
         return false;
     }
@@ -189,4 +197,6 @@ bool ConvertRBVToTissue(IP_VolData** volume, IP_RealBitVol* mask) {
     }
     *volume = tissues.release();
     return true;
+} catch (const std::bad_alloc&) {
+    return false;
 }

@@ -1,8 +1,7 @@
 // Debugging and tooling aids: volumes from raw files and from binary masks, without the host's loaders.
 //
 // They print their progress on standard output and use one thread. A slice gets a pager block of its own, which goes
-// with it; the volume takes the slice, an earlier one is not deleted. When the pager refuses memory, loading ends
-// there.
+// with it; the volume takes the slice, an earlier one is not deleted. When memory is refused, loading ends there.
 #pragma once
 
 #include "ip_volr/IP_VOLR_Export.h"

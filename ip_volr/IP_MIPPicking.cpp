@@ -10,6 +10,7 @@
 #include <array>
 #include <cmath>
 #include <limits>
+#include <new>
 #include <vector>
 
 namespace {
@@ -70,19 +71,20 @@ void narrow(double value, double step, double& first, double& last) {
     }
 }
 
-std::vector<std::array<double, 4>> active_planes(IP_VolRClipManager* clip) {
-    std::vector<std::array<double, 4>> planes;
+// Calls `use` with the equation of each plane that clips.
+template <class Use>
+void for_each_active_plane(IP_VolRClipManager* clip, const Use& use) {
     if (clip == nullptr) {
-        return planes;
+        return;
     }
     clip->ResetIterator();
     for (IP_ClippingPlane* plane = clip->GetNextPlane(); plane != nullptr; plane = clip->GetNextPlane()) {
         if (plane->IsActive() && !plane->IsReference()) {
-            planes.emplace_back();
-            plane->GetPlaneEq(planes.back().data());
+            std::array<double, 4> eq{};
+            plane->GetPlaneEq(eq.data());
+            use(eq);
         }
     }
-    return planes;
 }
 
 IP_VolData* volume_of(const IP_VolRParamsMIP* p, int k) {
@@ -106,12 +108,12 @@ public:
     VoxelReader(const VoxelReader&) = delete;
     VoxelReader& operator=(const VoxelReader&) = delete;
 
-    void clip(const std::vector<std::array<double, 4>>& planes, const Lattice& lattice) {
-        for (const std::array<double, 4>& eq : planes) {
+    void clip(IP_VolRClipManager* planes, const Lattice& lattice) {
+        for_each_active_plane(planes, [&](const std::array<double, 4>& eq) {
             const Vec3 normal{eq[0], eq[1], eq[2]};
             m_Planes.push_back({dot(normal, lattice.rows[0]), dot(normal, lattice.rows[1]),
                                 dot(normal, lattice.rows[2]), dot(normal, lattice.rows[3]) + eq[3]});
-        }
+        });
     }
     const std::array<int, 3>& dims() const { return m_Dims; }
     bool has_failed() const { return m_HasFailed; }  // a slice that has memory could not be mapped
@@ -270,10 +272,10 @@ bool IP_MIPProjector::ScreenRay(IP_VolRParamsMIP* p, int k, double pixel_x, doub
     }
     const Vec3 point_mm = lattice.to_physical(point);
     const Vec3 step_mm = lattice.direction_to_physical(direction);
-    for (const std::array<double, 4>& eq : active_planes(p->m_ClipManager)) {
+    for_each_active_plane(p->m_ClipManager, [&](const std::array<double, 4>& eq) {
         const Vec3 normal{eq[0], eq[1], eq[2]};
         narrow(dot(normal, point_mm) + eq[3], dot(normal, step_mm), first, last);
-    }
+    });
     if (!(first < last) || !std::isfinite(first) || !std::isfinite(last)) {
         return false;
     }
@@ -292,7 +294,7 @@ bool IP_MIPProjector::ScreenRay(IP_VolRParamsMIP* p, int k, double pixel_x, doub
 }
 
 bool IP_MIPProjector::Screen2Physical(IP_VolRParamsMIP* p, int k, double pixel_x, double pixel_y, int linear,
-                                      IP_MIPPick* pick) {
+                                      IP_MIPPick* pick) try {
     IP_VolData* const volume = volume_of(p, k);
     m_IsComplete = true;
     if (pick == nullptr || !ScreenRay(p, k, pixel_x, pixel_y, &pick->ray)) {
@@ -318,7 +320,7 @@ bool IP_MIPProjector::Screen2Physical(IP_VolRParamsMIP* p, int k, double pixel_x
     }
     const Lattice lattice(*volume->GetBox());
     VoxelReader reader(*volume);
-    reader.clip(active_planes(clip), lattice);
+    reader.clip(clip, lattice);
 
     // A thick slice is drawn several times along its thickness: sample it as often.
     const int num_slices = reader.dims()[across];
@@ -364,4 +366,7 @@ bool IP_MIPProjector::Screen2Physical(IP_VolRParamsMIP* p, int k, double pixel_x
         pick->physical[i] = physical[i];
     }
     return true;
+} catch (const std::bad_alloc&) {
+    m_IsComplete = false;
+    return false;
 }

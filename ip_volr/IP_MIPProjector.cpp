@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <new>
 
 namespace {
 
@@ -125,14 +126,14 @@ void IP_MIPProjector::Project(IP_VolRParamsMIP* p, IP_VolRBoxParamsMIP* a, IP_Vo
         }
     }
 
-    // Draw. Cancellation ends the frame here, with what was composited.
+    // Draw. Cancellation, and memory that is refused, end the frame here, with what was composited.
     m_Params = p;
     m_Volume = k;
     m_FirstWithData = 0;
     prepare2project(p, a, b, k, linear);
-    m_Frame = std::make_unique<ip_volr::MipFrame>();
-    m_Frame->kernels = &ip_volr::kernels::mip_kernels();
     try {
+        m_Frame = std::make_unique<ip_volr::MipFrame>();
+        m_Frame->kernels = &ip_volr::kernels::mip_kernels();
         update_clip_bounds(p, a, b, k, linear != 0);
         if (linear != 0) {
             LinProjectBox(p, a, k);
@@ -140,6 +141,9 @@ void IP_MIPProjector::Project(IP_VolRParamsMIP* p, IP_VolRBoxParamsMIP* a, IP_Vo
             ProjectBoxes(p, a, b, k);
         }
     } catch (const TCO_CANCEL_EXCEPTION&) {
+        m_IsComplete = false;
+    } catch (const std::bad_alloc&) {
+        IP_VOLR_TRACE(ip_volr::kTraceError, kSource, "IP_MIPProjector::Project", "Out of memory\n");
         m_IsComplete = false;
     }
     m_Frame.reset();

@@ -66,9 +66,9 @@ struct MipFrame;
 // frame own disjoint rows of the box's picture, which gives the same pixels as one picture for each worker and a merge;
 // pictures 1 to 7 stay unused and therefore cost address space only.
 //
-// Failure. Project ends early when the pager refuses a mapping, or when the host cancels the run (the exception goes no
-// further): the picture then holds what was composited so far, and IsComplete() is false. Refused picture memory leaves
-// the box without a picture. Nothing stays mapped in any case.
+// Failure. Project ends early when the pager refuses a mapping, when there is no memory, or when the host cancels the
+// run (the exception goes no further): the picture then holds what was composited so far, and IsComplete() is false.
+// Refused picture memory leaves the box without a picture. Nothing stays mapped in any case.
 //
 // One driving thread for each object, and for each pair of parameters.
 class IP_VOLR_EXPORT IP_MIPProjector : public IP_ShearWarpProjector, public TCO_CompoundRunnable<IP_MIPProjector> {
@@ -101,7 +101,7 @@ public:
 
     // The brightest voxel on that ray, as the picture shows it, which a host draws with the same parameters. Reads the
     // source volume. False when the ray misses the volume or meets no slice that has memory, and when a slice cannot be
-    // mapped: IsComplete() is then false.
+    // mapped or there is no memory: IsComplete() is then false.
     bool Screen2Physical(IP_VolRParamsMIP* p, int k, double pixel_x, double pixel_y, int linear, IP_MIPPick* pick);
 
 private:

@@ -338,6 +338,8 @@ void IP_MIPProjector::take_transposed_blocks(IP_VolRParamsMIP* p) {
     MipFrame& f = *m_Frame;
     const std::size_t voxels = static_cast<std::size_t>(f.stored_width) * static_cast<std::size_t>(f.stored_rows);
     const std::size_t wanted = 2 * static_cast<std::size_t>(TCO_CompoundTaskManager::GetNumberOfServers());
+    f.pool_blocks.reserve(wanted);
+    f.transposed.reserve(wanted);
     for (const IP_SliceChunk* chunk : p->m_SliceChunks) {
         for (unsigned i = 0; i < chunk->GetNumbSlices() && f.transposed.size() < wanted; i++) {
             MEM_PagerInfo* const block = chunk->GetMemInfo(i);

@@ -30,11 +30,11 @@ public:
     IP_VolDataProj* GetNTransVolRData(int i) const;
     IP_VolDataProj* GetTransVolRData(int i) const;
     // Takes ownership (of objects made with new) and destroys the one before. A negative index is ignored, and the
-    // object destroyed.
+    // object destroyed; so it is when there is no memory, which leaves as std::bad_alloc.
     void SetNTransVolRData(IP_VolDataProj* data, int i);
     void SetTransVolRData(IP_VolDataProj* data, int i);
 
-    // Takes over all chunks but the first (the preparation's work chunk).
+    // Takes over all chunks but the first (the preparation's work chunk). Throws std::bad_alloc with none taken over.
     void AddChunks(const std::vector<IP_SliceChunk*>& chunks);
 
     // Whether this object already holds the source: as many volumes, each prepared from the same box (so as many

@@ -1,5 +1,6 @@
 #include "ip_volr/IP_MultiVolDataIncMIP.h"
 
+#include "ip_volr/IP_RefusedMemory.h"
 #include "ip_volr/IP_VOLR_Trace.h"
 
 #include <algorithm>
@@ -29,6 +30,27 @@ bool IP_MultiVolDataIncMIP::Rebuild(IP_MultiVolData* source, IP_MultiRealListVol
 
     const IP_VolDataProj* first = prepared(0);
     m_CurrentDir = first != nullptr && first->GetCurrentDir();
+    const Preparation preparation{nullptr,        new_tissue,     factor, pd_counter,
+                                  tissue_counter, render_quality, lean,   minimum_value};
+    bool done = false;
+    try {
+        done = ip_volr::succeeds_with_memory(kSource, kRebuild,
+                                             [&] { return prepare_volumes(source, tissues, preparation); });
+    } catch (...) {
+        // Cancelled: what was copied stays in the chunks, so that the next rebuild goes on from there.
+        remove_slices();
+        throw;
+    }
+    if (!done) {
+        // Half a set must not be projected, nor pass for the source at the next rebuild.
+        IP_VOLR_TRACE(ip_volr::kTraceError, kSource, kRebuild, "Failed in IP_VolRData creation\n");
+        remove_slices();
+    }
+    Reset();
+    return done;
+}
+
+bool IP_MultiVolDataIncMIP::prepare_volumes(IP_MultiVolData* source, IP_MultiRealListVol* tissues, Preparation p) {
     const int num_volumes = source == nullptr ? 0 : source->GetNVolData();
 
     // Drop the prepared volumes; their blocks and records stay to be found again, and the workers' blocks of those that
@@ -44,17 +66,10 @@ bool IP_MultiVolDataIncMIP::Rebuild(IP_MultiVolData* source, IP_MultiRealListVol
     bool done = true;
     for (int i = 0; i < num_volumes && done; i++) {
         IP_VolData* volume = source->GetVolData(i);
-        const Preparation preparation{list_volume(tissues, i), new_tissue,     factor, pd_counter,
-                                      tissue_counter,          render_quality, lean,   minimum_value};
+        p.tissue = list_volume(tissues, i);
         done = volume != nullptr &&
-               add_prepared_volume(*volume, i, preparation, std::move(worker_chunks[static_cast<std::size_t>(i)]));
+               add_prepared_volume(*volume, i, p, std::move(worker_chunks[static_cast<std::size_t>(i)]));
     }
-    if (!done) {
-        // Half a set must not be projected, nor pass for the source at the next rebuild.
-        IP_VOLR_TRACE(ip_volr::kTraceError, kSource, kRebuild, "Failed in IP_VolRData creation\n");
-        remove_slices();
-    }
-    Reset();
     return done;
 }
 
@@ -73,9 +88,7 @@ bool IP_MultiVolDataIncMIP::add_prepared_volume(const IP_VolData& source, int i,
         done = (data.get()->*create)(source, hash_map(), p.tissue, p.new_tissue, p.factor, m_CurrentDir, p.pd_counter,
                                      p.tissue_counter, p.render_quality, p.minimum_value);
     } catch (...) {
-        // Cancelled: keep what was copied, so that the next rebuild goes on from there.
         take_over_chunks();
-        remove_slices();
         throw;
     }
     take_over_chunks();

@@ -17,8 +17,8 @@ public:
     //
     // tissues: one mask per volume or null; factor, counters, render quality, minimum value: see IP_VolDataMIP. With
     // lean the slices get no memory. With render quality 0 each volume gets its two views. False when a volume could
-    // not be prepared: the object is then empty, and the next rebuild starts with what was done. Cancellation leaves it
-    // so too.
+    // not be prepared, or there was no memory: the object is then empty, and the next rebuild starts with what was
+    // done. Cancellation leaves it so too.
     bool Rebuild(IP_MultiVolData* source, IP_MultiRealListVol* tissues, bool new_tissue, int factor, int pd_counter,
                  int tissue_counter, int render_quality, bool lean, int minimum_value);
 
@@ -44,6 +44,7 @@ private:
         bool lean;
         int minimum_value;
     };
+    bool prepare_volumes(IP_MultiVolData* source, IP_MultiRealListVol* tissues, Preparation p);
     bool add_prepared_volume(const IP_VolData& source, int i, const Preparation& p,
                              IP_VolDataProj::WorkerChunks worker_chunks);
     IP_VolDataMIP* prepared_mip(int i) const { return dynamic_cast<IP_VolDataMIP*>(GetVolData(i)); }

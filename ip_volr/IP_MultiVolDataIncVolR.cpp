@@ -1,6 +1,7 @@
 #include "ip_volr/IP_MultiVolDataIncVolR.h"
 
 #include "ip_volr/IP_MultiVolRTisIndInc.h"
+#include "ip_volr/IP_RefusedMemory.h"
 #include "ip_volr/IP_VOLR_Trace.h"
 
 namespace {
@@ -38,12 +39,6 @@ bool IP_MultiVolDataIncVolR::Rebuild(IP_MultiVolData* source, const unsigned int
         return true;
     }
 
-    // The chunks outlive the preparation however it ends: a cancelled one is continued by the next.
-    const auto data = std::make_shared<IP_VolDataVolR>();
-    const auto take_over_chunks = [&] {
-        AddChunks(data->GetChunks());
-        data->ClearChunks();
-    };
     if (lean) {
         IP_VOLR_TRACE(ip_volr::kTraceInformation, kSource, kRebuild, "LeanCreate input_index = %d, output_index = %d\n",
                       input_index, 0);
@@ -51,29 +46,45 @@ bool IP_MultiVolDataIncVolR::Rebuild(IP_MultiVolData* source, const unsigned int
         IP_VOLR_TRACE(ip_volr::kTraceInformation, kSource, kRebuild, "Create input_index = %d, output_index = %d\n",
                       input_index, 0);
     }
-    const auto create = lean ? &IP_VolDataVolR::LeanCreate : &IP_VolDataVolR::Create;
+    const Preparation preparation{
+        colours, index_volume(tissue_index), factor, pd_counter, tissue_counter, render_quality, lean};
+    const bool done =
+        ip_volr::succeeds_with_memory(kSource, kRebuild, [&] { return prepare_volume(*volume, preparation); });
+    IP_VOLR_TRACE(ip_volr::kTraceInformation, kSource, kRebuild, "retValue = %d\n", done ? 1 : 0);
+    if (!done) {
+        IP_VOLR_TRACE(ip_volr::kTraceError, kSource, kRebuild, "Failed in IP_VolRData creation\n");
+        remove_slices();
+    }
+    Reset();
+    return done;
+}
+
+bool IP_MultiVolDataIncVolR::prepare_volume(const IP_VolData& source, const Preparation& p) {
+    // The chunks outlive the preparation however it ends: a cancelled one is continued by the next.
+    const auto data = std::make_shared<IP_VolDataVolR>();
+    const auto take_over_chunks = [&] {
+        AddChunks(data->GetChunks());
+        data->ClearChunks();
+    };
+    const auto create = p.lean ? &IP_VolDataVolR::LeanCreate : &IP_VolDataVolR::Create;
     bool done = false;
     try {
-        done = (data.get()->*create)(*volume, hash_map(), colours, index_volume(tissue_index), factor, m_CurrentDir,
-                                     pd_counter, tissue_counter, render_quality);
+        done = (data.get()->*create)(source, hash_map(), p.colours, p.tissues, p.factor, m_CurrentDir, p.pd_counter,
+                                     p.tissue_counter, p.render_quality);
     } catch (...) {
         take_over_chunks();
         throw;
     }
-    IP_VOLR_TRACE(ip_volr::kTraceInformation, kSource, kRebuild, "retValue = %d\n", done ? 1 : 0);
     take_over_chunks();
     if (!done) {
-        IP_VOLR_TRACE(ip_volr::kTraceError, kSource, kRebuild, "Failed in IP_VolRData creation\n");
-        Reset();
         return false;
     }
 
     AddVolData(data);
-    if (render_quality == 0) {
+    if (p.render_quality == 0) {
         SetNTransVolRData(new IP_VolDataVolR(*data, false), 0);
         SetTransVolRData(new IP_VolDataVolR(*data, true), 0);
     }
-    Reset();
     return true;
 }
 

@@ -7,7 +7,7 @@
 // failed pick can be explained.
 //
 // The searches map at most about a hundred slices at a time and release them on every way out. The access exceptions of
-// IP_VolDataAccess.h leave them after that. They hold no state: host threads may search at once.
+// IP_VolDataAccess.h, and std::bad_alloc, leave them after that. They hold no state: host threads may search at once.
 #pragma once
 
 #include "host/images.h"

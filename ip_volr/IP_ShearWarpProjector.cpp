@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <new>
 
 namespace {
 
@@ -321,7 +322,7 @@ int IP_ShearWarpProjector::calc_zvec(float zvec[3], IP_Box* box, const float m[4
 }
 
 bool IP_ShearWarpProjector::RebuildVolRDatas(IP_VolDataProj* volume, IP_VolDataProj* not_transposed,
-                                             IP_VolDataProj* transposed, float angle_degrees) {
+                                             IP_VolDataProj* transposed, float angle_degrees) try {
     if (volume == nullptr || not_transposed == nullptr || transposed == nullptr) {
         return false;
     }
@@ -344,4 +345,6 @@ bool IP_ShearWarpProjector::RebuildVolRDatas(IP_VolDataProj* volume, IP_VolDataP
         return transposed->GetSlice(split) != volume->GetSlice(split);
     }
     return true;
+} catch (const std::bad_alloc&) {
+    return false;
 }

@@ -72,7 +72,7 @@ public:
     // neighbours of a batch unless the pool has room for them anyway.
     unsigned int calc_slice_quota(int wanted, int max);
     // Makes the pool hold min(n + 2, slices of m_VolumeBox) blocks of m_VolumeBox's slice size at `factor` bytes a
-    // voxel.
+    // voxel, or fewer when the pager refuses. Throws std::bad_alloc with what it holds until then.
     void allocate_quota_slice_chunk(IP_VolRParams* params, unsigned int n, float factor);
     int map_chunks_slices(IP_VolRParams* params);  // 0, or -1 at the first chunk that fails
     int unmap_chunks_slices(IP_VolRParams* params);
@@ -94,7 +94,8 @@ public:
     // Shares the slices of a prepared volume out to its two views, near 45 degrees between axis 0 and the viewing
     // direction gradually: the first calc_transp_z slices go to the transposed view, the others to the not-transposed
     // one. Only slices whose orientation changes are transposed. Where both views have slices, they share the first
-    // slice of the not-transposed one, so that no gap opens between their pictures. False when something is missing.
+    // slice of the not-transposed one, so that no gap opens between their pictures. False when something is missing,
+    // also memory.
     bool RebuildVolRDatas(IP_VolDataProj* volume, IP_VolDataProj* not_transposed, IP_VolDataProj* transposed,
                           float angle_degrees);
 

@@ -47,8 +47,8 @@ void IP_ShearWarpProjector::allocate_quota_slice_chunk(IP_VolRParams* params, un
     // QUIRK(quota-table): a reader expects the table to grow with n, but its first length stays; later blocks beyond it
     // are in the chunks only; kept: callers rely on it.
     if (params->m_QuotaSlices == nullptr) {
-        params->m_QuotaCapacity = n + 2;
         params->m_QuotaSlices = new MEM_PagerInfo* [n + 2] {};
+        params->m_QuotaCapacity = n + 2;
     }
     int dims[3];
     params->m_VolumeBox.GetDims(dims);
@@ -72,7 +72,8 @@ void IP_ShearWarpProjector::allocate_quota_slice_chunk(IP_VolRParams* params, un
                               "Error allocating memory for slices\n");
                 return;
             }
-            params->m_SliceChunks.push_back(chunk.release());
+            params->m_SliceChunks.push_back(chunk.get());
+            static_cast<void>(chunk.release());
             missing -= granted;
             ask = std::min(missing, granted);
         }

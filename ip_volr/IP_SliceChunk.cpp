@@ -11,14 +11,6 @@ namespace {
 
 constexpr char kSource[] = "ip_volr/IP_SliceChunk";
 
-std::vector<MEM_PagerInfo*> addresses(MEM_PagerInfo* infos, unsigned count) {
-    std::vector<MEM_PagerInfo*> result(count);
-    for (unsigned i = 0; i < count; i++) {
-        result[i] = infos + i;
-    }
-    return result;
-}
-
 }  // namespace
 
 std::uint32_t IP_SliceChunk::BlockSize(int x, int y, float bytes_per_pixel) {
@@ -75,17 +67,26 @@ void IP_SliceChunk::BuildChunk(unsigned num_slices, int x, int y, float bytes_pe
 }
 
 int IP_SliceChunk::MapSlices() {
-    std::vector<MEM_PagerInfo*> infos = addresses(m_MemInfos, m_NumbSlices);
     IP_VOLR_TRACE(ip_volr::kTraceDetail, kSource, "IP_SliceChunk::MapSlices",
                   "MapSlices: MapMemPagerInfoVec [%d - %d[\n", 0, static_cast<int>(m_NumbSlices));
-    return MEM_MemPager::GetHandleForMP()->MapMemPagerInfoVec(infos.data(), static_cast<int>(m_NumbSlices));
+    try {
+        std::vector<MEM_PagerInfo*> infos(m_NumbSlices);
+        for (unsigned i = 0; i < m_NumbSlices; i++) {
+            infos[i] = m_MemInfos + i;
+        }
+        return MEM_MemPager::GetHandleForMP()->MapMemPagerInfoVec(infos.data(), static_cast<int>(m_NumbSlices));
+    } catch (const std::bad_alloc&) {
+        return -1;
+    }
 }
 
 int IP_SliceChunk::UnmapSlices() {
-    std::vector<MEM_PagerInfo*> infos = addresses(m_MemInfos, m_NumbSlices);
     IP_VOLR_TRACE(ip_volr::kTraceDetail, kSource, "IP_SliceChunk::UnmapSlices",
                   "UnmapSlices: UnmapMemPagerInfoVec [%d - %d[\n", 0, static_cast<int>(m_NumbSlices));
-    MEM_MemPager::GetHandleForMP()->UnmapMemPagerInfoVec(infos.data(), static_cast<int>(m_NumbSlices));
+    // One by one: a list of the blocks would take memory.
+    for (unsigned i = 0; i < m_NumbSlices; i++) {
+        m_MemInfos[i].Unmap();
+    }
     return 0;
 }
 

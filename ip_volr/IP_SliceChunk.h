@@ -32,7 +32,8 @@ public:
 
     // Allocates blocks for slices of x times y pixels until all are there or the pager refuses; *num_granted receives
     // how many there are. With no slices or no pixels the chunk stays empty (null arrays). max_alloc is only logged.
-    // Call once, on an empty chunk.
+    // Call once, on an empty chunk. Throws std::bad_alloc, with nothing allocated, when there is no memory for the
+    // handles.
     void BuildChunk(unsigned num_slices, int x, int y, float bytes_per_pixel, bool max_alloc, unsigned* num_granted);
 
     unsigned GetNumbSlices() const { return m_NumbSlices; }                 // granted blocks
@@ -41,7 +42,7 @@ public:
     MEM_PagerInfo* GetMemInfo(unsigned i) const { return m_MemInfos + i; }  // no bounds check
     MEM_PagerInfo* GetMemInfoArray() const { return m_MemInfos; }
 
-    int MapSlices();    // all blocks or none: 0 on success, else the pager's status
+    int MapSlices();    // all blocks or none: 0 on success, else the pager's status, or -1 without memory
     int UnmapSlices();  // always 0
 
 private:

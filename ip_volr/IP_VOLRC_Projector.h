@@ -110,9 +110,10 @@ public:
     // ---- Volume, tissues, tables
 
     // The volume to draw (not owned; null removes it). `flag` says that its 16-bit values are signed. A volume with the
-    // identity of the current one changes nothing.
+    // identity of the current one changes nothing. Without memory the next frame tries again.
     void SetVolData(IP_VolData* volume, bool flag);
-    // Tissue indices, 4 bits a voxel, over the same lattice (not owned; null removes them).
+    // Tissue indices, 4 bits a voxel, over the same lattice (not owned; null removes them). Without memory the next
+    // frame tries again.
     void SetVolumeTissues(IP_VolData* tissues);
     // The source volume's slice pointers have changed in place.
     void BoxUpdated();
@@ -227,6 +228,12 @@ private:
     };
     using RunMethod = void (IP_VOLRC_Projector::*)();
 
+    // What there was no memory for; see TakeRefusedVolumes.
+    struct RefusedVolume {
+        IP_VolData* volume = nullptr;
+        bool is_signed = false;
+    };
+
     // Parameters and tables
     void SetInteractiveQualityParams();
     void UpdateNonEnhancedParams();
@@ -237,6 +244,7 @@ private:
     // Volume and bricks
     void DestroyPaddedVolume();
     void DestroyPaddedTissues();
+    void TakeRefusedVolumes();
     bool TissuesFitVolume() const;
     bool InitBrickStructure();
     bool EnsureBrickStructure();
@@ -343,6 +351,8 @@ private:
     IP_VolData* m_PaddedTissues = nullptr;
     IP_Slice* m_EmptyTissueSlice = nullptr;
     int m_VolumeIdentity = -1;
+    RefusedVolume m_RefusedVolume;
+    IP_VolData* m_RefusedTissues = nullptr;
     std::vector<const unsigned short*> m_DataSlices;  // per padded slice, null while unmapped
     std::vector<const unsigned char*> m_TissueSlices;
     std::vector<MEM_PagerInfo*> m_SliceInfos;  // scratch of slice mapping

@@ -6,6 +6,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <list>
+#include <new>
+#include <utility>
 
 namespace affine = ip_volr::affine;
 
@@ -53,10 +56,15 @@ bool IP_VOLRC_Projector::Project() {
 
 bool IP_VOLRC_Projector::ProjectFrame() {
     // The host's list is read now and forgotten; what it says is kept until a frame has digested it.
-    if (m_UpdatedSlices != nullptr) {
-        m_PendingSlices.insert(m_PendingSlices.end(), m_UpdatedSlices->begin(), m_UpdatedSlices->end());
-        m_UpdatedSlices = nullptr;
+    if (const std::list<int>* const updated = std::exchange(m_UpdatedSlices, nullptr)) {
+        try {
+            m_PendingSlices.insert(m_PendingSlices.end(), updated->begin(), updated->end());
+        } catch (const std::bad_alloc&) {
+            m_RebuildRequested = true;  // which slices they were is lost
+            throw;
+        }
     }
+    TakeRefusedVolumes();
     if (m_RayPages == nullptr || !m_RastersAllocated || m_PaddedVolume == nullptr) {
         return false;
     }
@@ -129,6 +137,7 @@ void IP_VOLRC_Projector::ScaleR2PToRenderSize() {
 }
 
 bool IP_VOLRC_Projector::RebuildForVolume() {
+    m_RebuildRequested = true;  // until all is there
     if (!InitBrickStructure()) {
         return false;
     }

@@ -164,6 +164,7 @@ void IP_VOLRC_Projector::SetVolData(IP_VolData* volume, bool flag) {
         return;
     }
     DestroyPaddedVolume();
+    m_RefusedVolume = {};
     m_Pending[kVolumeChanged] = true;
     m_Valid.fill(false);
     if (volume == nullptr || !has_voxels(*volume)) {
@@ -176,6 +177,7 @@ void IP_VOLRC_Projector::SetVolData(IP_VolData* volume, bool flag) {
         m_PaddedVolume = make_padded(*volume, empty.get()).release();
         m_EmptySlice = empty.release();
     } catch (const std::bad_alloc&) {
+        m_RefusedVolume = {volume, flag};
         return;
     }
     m_SourceVolume = volume;
@@ -211,6 +213,20 @@ void IP_VOLRC_Projector::DestroyPaddedVolume() {
     m_BricksInitialised = false;
 }
 
+// What there was no memory for when the host set it is taken over now. Throws std::bad_alloc when there is none again.
+void IP_VOLRC_Projector::TakeRefusedVolumes() {
+    if (m_RefusedVolume.volume != nullptr) {
+        const RefusedVolume refused = m_RefusedVolume;
+        SetVolData(refused.volume, refused.is_signed);
+    }
+    if (m_RefusedTissues != nullptr) {
+        SetVolumeTissues(m_RefusedTissues);
+    }
+    if (m_RefusedVolume.volume != nullptr || m_RefusedTissues != nullptr) {
+        throw std::bad_alloc();
+    }
+}
+
 void IP_VOLRC_Projector::BoxUpdated() {
     if (m_PaddedVolume == nullptr || m_SourceVolume == nullptr) {
         return;
@@ -229,8 +245,9 @@ void IP_VOLRC_Projector::SetUpdatedSliceIndexList(std::list<int>* slices) {
 // ---- Tissues
 
 void IP_VOLRC_Projector::SetVolumeTissues(IP_VolData* tissues) {
-    const bool had_tissues = m_PaddedTissues != nullptr;
+    const bool had_tissues = m_PaddedTissues != nullptr || m_RefusedTissues != nullptr;
     DestroyPaddedTissues();
+    m_RefusedTissues = nullptr;
     if (tissues != nullptr && has_voxels(*tissues)) {
         try {
             const PixelDataAttributes attributes = attributes_of_slices(*tissues);
@@ -239,7 +256,7 @@ void IP_VOLRC_Projector::SetVolumeTissues(IP_VolData* tissues) {
             m_PaddedTissues = make_padded(*tissues, empty.get()).release();
             m_EmptyTissueSlice = empty.release();
         } catch (const std::bad_alloc&) {
-            DestroyPaddedTissues();
+            m_RefusedTissues = tissues;
         }
     } else if (!had_tissues) {
         return;

@@ -156,8 +156,8 @@ void IP_VOLRC_VolumeRenderingRC::SetClippingPlanes(IP_ClipManager* planes) {
     if (projector == nullptr) {
         return;
     }
-    IP_ClipManager* const own = projector->GetUserClipManager();
-    own->FreeAllClipPlane(CLIP_ALL);
+    // A set of its own until all planes are there.
+    IP_ClipManager copies;
     const int num_planes = planes == nullptr ? 0 : planes->GetNPlanes();
     if (planes != nullptr) {
         planes->ResetIterator();
@@ -168,12 +168,13 @@ void IP_VOLRC_VolumeRenderingRC::SetClippingPlanes(IP_ClipManager* planes) {
         if (plane == nullptr) {
             continue;
         }
-        IP_ClippingPlane* const copy = own->NewClipPlane(id);
+        IP_ClippingPlane* const copy = copies.NewClipPlane(id);
         *copy = *plane;
         copy->SetID(id);
         copy->SetActive(plane->IsActive());
         id++;
     }
+    *projector->GetUserClipManager() = copies;
     projector->InvalidateOcclusions();
 }
 

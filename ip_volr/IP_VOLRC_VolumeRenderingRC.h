@@ -63,6 +63,7 @@ public:
     // 16 colour and 16 opacity tables of 2^count entries; see IP_VOLRC_Projector::SetColorTable.
     void SetColorTables(const unsigned int** colour, const unsigned long long** opacity, int count, bool reserved);
     // Copies the planes (physical mm, absolute; inside is where the equation is not positive). Null removes them.
+    // Throws std::bad_alloc, with the planes as they were, when there is no memory for the copies.
     void SetClippingPlanes(IP_ClipManager* planes);
 
     void SetRenderMode(RenderMode mode);
@@ -72,7 +73,9 @@ public:
     void AdjustRenderingTime(double ratio);
 
     // Draws a frame over what the buffer holds: width times height pixels 0xAARRGGBB, rows from the top. False, with
-    // the buffer as it was, when nothing could be drawn. Lets TCO_CANCEL_EXCEPTION through when the host cancels.
+    // the buffer as it was, when nothing could be drawn, also for want of memory: the next frame asks for all of it
+    // again, but for a projector that was refused, which is asked for by the next creating call. Lets
+    // TCO_CANCEL_EXCEPTION through when the host cancels.
     bool Render(unsigned int* buffer, int width, int height);
 
     // Whether a point (physical mm, absolute) lies in front of what the last frame shows, or at most `tolerance` mm

@@ -1,7 +1,6 @@
 #include "ip_volr/IP_VolDataAccess.h"
 
 #include <algorithm>
-#include <vector>
 
 namespace {
 
@@ -58,13 +57,12 @@ void slice_mapper_stage::_unmap_slices(int first, int last) {
     if (last < first) {
         return;
     }
-    std::vector<MEM_PagerInfo*> infos;
-    infos.reserve(static_cast<std::size_t>(last - first + 1));
+    // One by one: a list of the blocks would take memory.
     for (int k = first; k <= last; ++k) {
-        const IP_Slice* const s = slice(k);
-        infos.push_back(s != nullptr ? s->GetData() : nullptr);
+        if (IP_Slice* const s = slice(k)) {
+            s->UnmapMemory();
+        }
     }
-    MEM_MemPager::GetHandleForMP()->UnmapMemPagerInfoVec(infos.data(), static_cast<int>(infos.size()));
 }
 
 void slice_mapper_stage::move_mapped_range(int first, int last) {

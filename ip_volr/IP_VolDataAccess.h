@@ -7,6 +7,8 @@
 // Large series cannot be mapped whole, and one mapping per voxel is too slow: a search along a line touches
 // neighbouring slices, so about a hundred slices around the last one stay mapped.
 //
+// Want of memory leaves as std::bad_alloc, from what maps slices only.
+//
 // One thread uses an object at a time. The volume and its slices belong to the caller and must outlive the mappings.
 #pragma once
 

@@ -1,5 +1,6 @@
 #include "ip_volr/IP_VolDataProj.h"
 
+#include "ip_volr/IP_RefusedMemory.h"
 #include "ip_volr/IP_VOLR_Trace.h"
 
 #include <algorithm>
@@ -155,34 +156,54 @@ bool IP_VolDataProj::Create(const IP_VolData& source, SliceHashMap& map, bool ne
 bool IP_VolDataProj::LeanCreate(const IP_VolData& source, SliceHashMap& map, bool new_tissue, int factor,
                                 bool transposed, int pd_counter, int tissue_counter, int render_quality,
                                 float bytes_per_pixel) {
-    set_params(source, map, new_tissue, factor, transposed, pd_counter, tissue_counter, render_quality,
-               bytes_per_pixel);
-    m_NumbNewSlices = static_cast<unsigned>(m_NumbSlices);
-    build_ind_array(false);
-    if (!build_chunks(false)) {
-        IP_VOLR_TRACE(ip_volr::kTraceError, kSource, "IP_VolDataProj::LeanCreate", "chunks building was failed\n");
-        return false;
-    }
-    build_slices(false);
-    Reset();
-    update_slow_opacity_bvs(GetBox(), render_quality);
-    return true;
+    constexpr char kFunction[] = "IP_VolDataProj::LeanCreate";
+    return ip_volr::succeeds_with_memory(kSource, kFunction, [&] {
+        set_params(source, map, new_tissue, factor, transposed, pd_counter, tissue_counter, render_quality,
+                   bytes_per_pixel);
+        m_NumbNewSlices = static_cast<unsigned>(m_NumbSlices);
+        build_ind_array(false);
+        if (!build_chunks(false)) {
+            IP_VOLR_TRACE(ip_volr::kTraceError, kSource, kFunction, "chunks building was failed\n");
+            return false;
+        }
+        build_slices(false);
+        Reset();
+        update_slow_opacity_bvs(GetBox(), render_quality);
+        return true;
+    });
 }
 
 bool IP_VolDataProj::prepare_create(const IP_VolData& source, SliceHashMap& map, bool new_tissue, int factor,
                                     bool transposed, int pd_counter, int tissue_counter, int render_quality,
                                     float bytes_per_pixel) {
-    set_params(source, map, new_tissue, factor, transposed, pd_counter, tissue_counter, render_quality,
-               bytes_per_pixel);
-    find_existed_slices_data();
-    if (!build_chunks(true)) {
-        IP_VOLR_TRACE(ip_volr::kTraceError, kSource, "IP_VolDataProj::prepare_create", "chunks building was failed\n");
-        return false;
+    constexpr char kFunction[] = "IP_VolDataProj::prepare_create";
+    const auto prepare = [&] {
+        set_params(source, map, new_tissue, factor, transposed, pd_counter, tissue_counter, render_quality,
+                   bytes_per_pixel);
+        find_existed_slices_data();
+        if (!build_chunks(true)) {
+            IP_VOLR_TRACE(ip_volr::kTraceError, kSource, kFunction, "chunks building was failed\n");
+            return false;
+        }
+        build_slices(true);
+        update_slow_opacity_bvs(GetBox(), render_quality);
+        build_ind_array(true);
+        return true;
+    };
+    if (ip_volr::succeeds_with_memory(kSource, kFunction, prepare)) {
+        return true;
     }
-    build_slices(true);
-    update_slow_opacity_bvs(GetBox(), render_quality);
-    build_ind_array(true);
-    return true;
+    drop_new_chunks();
+    return false;
+}
+
+// After a failure: what has no text in the map yet would never be found again.
+void IP_VolDataProj::drop_new_chunks() {
+    release_slices();
+    while (m_Chunks.size() > m_FirstNewChunk) {
+        delete m_Chunks.back();
+        m_Chunks.pop_back();
+    }
 }
 
 // More subtasks than work slices would share one: the number of servers may have grown since the creation.
@@ -205,6 +226,8 @@ void IP_VolDataProj::ShowSlices(IP_VolDataProj& whole, int first, int last) {
     }
 
     // Take over the slices of the range and the workers' slices.
+    m_Slices.reserve(whole.m_Slices.size());
+    m_Records.reserve(whole.m_Records.size());  // from here on nothing can fail
     m_Slices = whole.m_Slices;
     for (int i = 0; i < whole.m_NumbSlices && static_cast<std::size_t>(i) < m_Slices.size(); i++) {
         if (i < first || i >= last) {
@@ -272,6 +295,14 @@ void IP_VolDataProj::SetYXCBoundsLin(short* bounds) {
     if (bounds != m_YXCBoundsLin.get()) {
         m_YXCBoundsLin.reset(bounds);
     }
+}
+
+void IP_VolDataProj::SetBounds(std::shared_ptr<int[]> xy, std::shared_ptr<int[]> yx, std::shared_ptr<short[]> xy_lin,
+                               std::shared_ptr<short[]> yx_lin) {
+    m_XYCBounds = std::move(xy);
+    m_YXCBounds = std::move(yx);
+    m_XYCBoundsLin = std::move(xy_lin);
+    m_YXCBoundsLin = std::move(yx_lin);
 }
 
 void IP_VolDataProj::DisconnectBounds() {

@@ -51,7 +51,8 @@ public:
     ~IP_VolDataProj() override;
 
     // Transposes the slices [first, last), whatever their orientation, in batches of at most 5000 MiB (at least one
-    // slice). When mapping fails the batches done stay done and the rest is left alone; an error line says so.
+    // slice). When mapping fails the batches done stay done and the rest is left alone; an error line says so. So it is
+    // when there is no memory.
     virtual void Transpose(int first, int last);
 
     // Brings the slices [first, last) to the wanted orientation; touches only those that differ.
@@ -65,7 +66,8 @@ public:
 
     // Reuses, allocates and copies in parallel. factor: reduction in x and y, 1 or 2 (any other prepares nothing);
     // transposed: orientation in which slow data is left; counters: the host's versions of pixel data and tissues, from
-    // 1; render quality: 0 fast copies, 1 slow ones, any other copies nothing. False when memory is refused.
+    // 1; render quality: 0 fast copies, 1 slow ones, any other copies nothing. False when memory is refused, by the
+    // pager or by the standard library.
     bool Create(const IP_VolData& source, SliceHashMap& map, bool new_tissue, int factor, bool transposed,
                 int pd_counter, int tissue_counter, int render_quality, float bytes_per_pixel);
     // Builds boxes, slice objects, work and temp chunk; the slices have no blocks and nothing is copied.
@@ -77,10 +79,10 @@ public:
 
     // ---- Refill with tissue
 
-    // Refills every slice with tissue in batches, reduced. False when mapping fails.
+    // Refills every slice with tissue in batches, reduced. False when mapping fails or there is no memory.
     bool CopyFastFromSlow(IP_VolData* source, bool transposed, int pd_counter, int tissue_counter, int reserved);
     // Refills every slice with tissue at full size. With run false only the counters and the source are taken over.
-    // False when mapping fails or when cancelled (the exception goes no further).
+    // False when mapping fails, there is no memory, or when cancelled (the exception goes no further).
     bool CopyWithTissue(IP_VolData* source, bool transposed, int pd_counter, int tissue_counter, bool run);
 
     // ---- Orientation
@@ -127,7 +129,8 @@ public:
     //
     // Slices count from 0 as in the slice array, also for a view of part of them. A setter takes ownership of an array
     // made with new[] (null clears) and releases the one before; views share arrays, the last holder frees them. Every
-    // creation clears them: whoever sets them does so again when a getter returns null.
+    // creation clears them: whoever sets them does so again when a getter returns null. Without memory a setter frees
+    // the array, keeps the one before and throws std::bad_alloc.
     void SetXYCBounds(int* bounds);
     void SetYXCBounds(int* bounds);
     void SetXYCBoundsLin(short* bounds);
@@ -138,6 +141,9 @@ public:
     short* GetYXCBoundsLin() const { return m_YXCBoundsLin.get(); }
     int* GetCurrentCBounds() const { return m_CurrentDir ? GetYXCBounds() : GetXYCBounds(); }
     short* GetCurrentCBoundsLin() const { return m_CurrentDir ? GetYXCBoundsLin() : GetXYCBoundsLin(); }
+    // All four at once, which cannot fail; in the order above.
+    void SetBounds(std::shared_ptr<int[]> xy, std::shared_ptr<int[]> yx, std::shared_ptr<short[]> xy_lin,
+                   std::shared_ptr<short[]> yx_lin);
     void DisconnectBounds();                        // lets go of all four
     void ShareBounds(const IP_VolDataProj& other);  // refers to the bounds of another volume
 
@@ -246,6 +252,7 @@ private:
     bool build_chunks(bool allocate);
     IP_SliceChunk* build_worker_chunk(const char* log_line, int scale, std::unique_ptr<IP_SliceChunk> offered);
     bool build_slice_chunks();
+    void drop_new_chunks();
     void build_slices(bool allocate);
     void build_new_slices(bool allocate);
     IP_Slice* new_slice(MEM_PagerInfo* block, int source_index, int scale);
@@ -259,7 +266,8 @@ private:
     void fill_fast(const Worker& w, int index);
     void fill_slow(const Worker& w, int index);
     void fill_with_tissue(const Worker& w, int index);
-    void note_fill(int index, bool copied);
+    template <class Copy>
+    void note_fill(int index, const Copy& copy);
     void orient_slices(const Worker& w, int first, int last);
     void subtask_copy_slices_with_tissue_slow();
     bool begin_refill(IP_VolData* source, bool transposed, int pd_counter, int tissue_counter);

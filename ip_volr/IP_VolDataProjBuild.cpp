@@ -3,6 +3,7 @@
 #include "ip_volr/IP_VolDataProj.h"
 
 #include <algorithm>
+#include <memory>
 #include <unordered_set>
 #include <utility>
 
@@ -26,6 +27,7 @@ void IP_VolDataProj::set_params(const IP_VolData& source, SliceHashMap& map, boo
     // Let go of an earlier preparation, but for the chunks whose blocks the map finds.
     release_slices();
     m_OwnsSlices = true;
+    m_FirstNewChunk = std::max<std::size_t>(1, m_Chunks.size());
     WorkerChunks own = ReleaseWorkerChunks();
     if (own.work != nullptr) {
         m_OfferedChunks = std::move(own);
@@ -146,17 +148,14 @@ bool IP_VolDataProj::build_chunks(bool allocate) {
     }
 
     WorkerChunks offered = std::move(m_OfferedChunks);
-    IP_SliceChunk* work =
+    if (m_Chunks.empty()) {
+        m_Chunks.push_back(nullptr);
+    }
+    m_Chunks.front() =
         build_worker_chunk("Work Chunk: try to allocate %d slices, allocated: %d\n", 1, std::move(offered.work));
-    if (work == nullptr) {
+    if (m_Chunks.front() == nullptr) {
         return false;
     }
-    if (m_Chunks.empty()) {
-        m_Chunks.push_back(work);
-    } else {
-        m_Chunks.front() = work;
-    }
-    m_FirstNewChunk = m_Chunks.size();
     m_TempChunk =
         build_worker_chunk("Temp Chunk: try to allocate %d slices, allocated: %d\n", m_Factor, std::move(offered.temp));
     if (m_TempChunk == nullptr) {
@@ -214,6 +213,7 @@ bool IP_VolDataProj::build_slice_chunks() {
         remaining -= granted;
         request = std::min(remaining, granted);
     }
+    m_Chunks.reserve(m_Chunks.size() + chunks.size());
     for (std::unique_ptr<IP_SliceChunk>& chunk : chunks) {
         m_Chunks.push_back(chunk.release());
     }
@@ -291,11 +291,11 @@ IP_Slice* IP_VolDataProj::new_slice(MEM_PagerInfo* block, int source_index, int 
     attributes.width = scale * static_cast<int>(m_ChunkX);
     attributes.height = scale * static_cast<int>(m_ChunkY);
 
-    IP_Slice* slice = create_new_slice(block, attributes);
+    std::unique_ptr<IP_Slice> slice(create_new_slice(block, attributes));
     if (source != nullptr) {
         slice->SetID(source->GetID());
     }
-    return slice;
+    return slice.release();
 }
 
 // Work or temp slices: anonymous, with the attributes of the first source slice.

@@ -1,4 +1,5 @@
 // Filling of prepared slices from the source: the copy of a creation, and refills with tissue.
+#include "ip_volr/IP_RefusedMemory.h"
 #include "ip_volr/IP_SliceMapping.h"
 #include "ip_volr/IP_VOLR_Trace.h"
 #include "ip_volr/IP_VolDataProjWorker.h"
@@ -103,6 +104,20 @@ void IP_VolDataProj::orient_slices(const Worker& w, int first, int last) {
     }
 }
 
+// Copies, and brings the record in step with its block. A slice that could not be filled, also for want of memory,
+// keeps no version, so that the next preparation fills it.
+template <class Copy>
+void IP_VolDataProj::note_fill(int index, const Copy& copy) {
+    const bool copied = ip_volr::succeeds_with_memory(kSource, "IP_VolDataProj::note_fill", copy);
+    IP_SliceIDInfo* record = slice_record(index);
+    record->SetTransposed(false);
+    record->SetPDCounter(copied ? m_PDCounter : 0);
+    record->SetTissueCounter(copied ? m_TissueCounter : 0);
+    if (!copied) {
+        m_NumbNotCopied++;
+    }
+}
+
 // A slice whose counters are current is left untouched.
 void IP_VolDataProj::fill_fast(const Worker& w, int index) {
     const IP_SliceIDInfo* record = slice_record(index);
@@ -115,8 +130,10 @@ void IP_VolDataProj::fill_fast(const Worker& w, int index) {
         if (applies_tissue()) {
             fill_with_tissue(w, index);
         } else {
-            note_fill(index, copy_fast_slice(GetSlice(index), m_OrigVolData->GetSlice(index),
-                                             static_cast<int>(m_ChunkX), static_cast<int>(m_ChunkY)));
+            note_fill(index, [&] {
+                return copy_fast_slice(GetSlice(index), m_OrigVolData->GetSlice(index), static_cast<int>(m_ChunkX),
+                                       static_cast<int>(m_ChunkY));
+            });
         }
     }
 }
@@ -128,8 +145,10 @@ void IP_VolDataProj::fill_slow(const Worker& w, int index) {
     }
     const bool new_pixels = record->GetPDCounter() != m_PDCounter;
     if (!m_NewTissue && new_pixels && !applies_tissue()) {
-        note_fill(index, copy_slice(GetSlice(index), static_cast<int>(m_ChunkX), static_cast<int>(m_ChunkY),
-                                    m_OrigVolData->GetSlice(index), m_ReducedX, m_ReducedY));
+        note_fill(index, [&] {
+            return copy_slice(GetSlice(index), static_cast<int>(m_ChunkX), static_cast<int>(m_ChunkY),
+                              m_OrigVolData->GetSlice(index), m_ReducedX, m_ReducedY);
+        });
     } else if (m_NewTissue || new_pixels || record->GetTissueCounter() != m_TissueCounter) {
         fill_with_tissue(w, index);
     }
@@ -141,28 +160,16 @@ void IP_VolDataProj::fill_with_tissue(const Worker& w, int index) {
     IP_Slice* source = m_OrigVolData->GetSlice(index);
     const int x = static_cast<int>(m_ChunkX);
     const int y = static_cast<int>(m_ChunkY);
-    if (source == nullptr) {
-        note_fill(index, copy_slice(slice, x, y, source, m_ReducedX, m_ReducedY));
-    } else if (m_Factor == 1) {
-        note_fill(index, copy_slice_with_tissue(slice, x, y, source, m_ReducedX, m_ReducedY, index));
-    } else {
-        note_fill(index, copy_slice_with_tissue_fast(source, slice, w.temp_slice, index, x, y));
-    }
+    note_fill(index, [&] {
+        if (source == nullptr) {
+            return copy_slice(slice, x, y, source, m_ReducedX, m_ReducedY);
+        }
+        return m_Factor == 1 ? copy_slice_with_tissue(slice, x, y, source, m_ReducedX, m_ReducedY, index)
+                             : copy_slice_with_tissue_fast(source, slice, w.temp_slice, index, x, y);
+    });
 }
 
-// Brings a record in step with its block. A slice that could not be filled keeps no version, so that the next
-// preparation fills it.
-void IP_VolDataProj::note_fill(int index, bool copied) {
-    IP_SliceIDInfo* record = slice_record(index);
-    record->SetTransposed(false);
-    record->SetPDCounter(copied ? m_PDCounter : 0);
-    record->SetTissueCounter(copied ? m_TissueCounter : 0);
-    if (!copied) {
-        m_NumbNotCopied++;
-    }
-}
-
-// Takes over the new versions and lists every slice. False when there is nothing to fill from.
+// Takes over the new versions and lists every slice. False when there is nothing to fill from, or no memory.
 bool IP_VolDataProj::begin_refill(IP_VolData* source, bool transposed, int pd_counter, int tissue_counter) {
     if (source == nullptr || !is_built() || m_Chunks.empty() || m_Chunks.front() == nullptr || m_TempChunk == nullptr) {
         return false;
@@ -181,8 +188,10 @@ bool IP_VolDataProj::begin_refill(IP_VolData* source, bool transposed, int pd_co
     m_PDCounter = pd_counter;
     m_TissueCounter = tissue_counter;
     m_NumbNotCopied = 0;
-    build_ind_array(false);
-    return true;
+    return ip_volr::succeeds_with_memory(kSource, "IP_VolDataProj::begin_refill", [&] {
+        build_ind_array(false);
+        return true;
+    });
 }
 
 bool IP_VolDataProj::CopyFastFromSlow(IP_VolData* source, bool transposed, int pd_counter, int tissue_counter,

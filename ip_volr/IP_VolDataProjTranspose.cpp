@@ -4,6 +4,7 @@
 #include "ip_volr/IP_VolDataProjWorker.h"
 
 #include <algorithm>
+#include <new>
 
 namespace {
 
@@ -114,6 +115,9 @@ void IP_VolDataProj::transpose_in_batches(int first, int last, bool check) {
         } catch (const TCO_CANCEL_EXCEPTION&) {
             IP_VOLR_TRACE(ip_volr::kTraceWarning, kSource, function, "Transpose: Cancelled\n");
             throw;
+        } catch (const std::bad_alloc&) {
+            IP_VOLR_TRACE(ip_volr::kTraceError, kSource, function, "Out of memory\n");
+            return;
         }
     }
 }

@@ -1,6 +1,7 @@
 #include "ip_volr/IP_VolDataVolR.h"
 
 #include "host/memory_utilities.h"
+#include "ip_volr/IP_RefusedMemory.h"
 #include "ip_volr/IP_SliceMapping.h"
 #include "ip_volr/IP_VOLR_Trace.h"
 
@@ -103,16 +104,23 @@ std::size_t IP_VolDataVolR::OpaqueValues::position(short pixel) const {
     return static_cast<std::size_t>(std::clamp(value - lowest, 0, (1 << bits) - 1));
 }
 
-// False without source or tables.
+std::shared_ptr<const IP_VolDataVolR::OpaqueValues> IP_VolDataVolR::make_tables(const IP_VolData& source,
+                                                                                const unsigned int** colours) {
+    const IP_Slice* const slice = source.GetSlice(source.GetFirstSliceInd());
+    const PixelDataAttributes attributes = slice == nullptr ? PixelDataAttributes() : slice->GetAttributes();
+    return std::make_shared<const OpaqueValues>(colours, attributes);
+}
+
+// False without source or tables, and with nothing changed when there is no memory.
 bool IP_VolDataVolR::take_tables(const IP_VolData* source, const unsigned int** colours, IP_VolData* tissues) {
     if (source == nullptr || colours == nullptr) {
         return false;
     }
-    const IP_Slice* const slice = source->GetSlice(source->GetFirstSliceInd());
-    const PixelDataAttributes attributes = slice == nullptr ? PixelDataAttributes() : slice->GetAttributes();
-    m_Opaque = std::make_shared<const OpaqueValues>(colours, attributes);
-    m_Tissues = tissues;
-    return true;
+    return ip_volr::succeeds_with_memory(kSource, "IP_VolDataVolR::take_tables", [&] {
+        m_Opaque = make_tables(*source, colours);
+        m_Tissues = tissues;
+        return true;
+    });
 }
 
 // ---- Creation and refill
@@ -159,8 +167,10 @@ bool IP_VolDataVolR::CopyWithTissue(IP_VolData* source, const unsigned int** col
 }
 
 void IP_VolDataVolR::SetSlowTissues(IP_VolData* tissues, const unsigned int** colours) {
+    if (GetCurrVolData() != nullptr && colours != nullptr) {
+        m_Opaque = make_tables(*GetCurrVolData(), colours);
+    }
     m_Tissues = tissues;
-    take_tables(GetCurrVolData(), colours, tissues);
 }
 
 // ---- Slices

@@ -48,7 +48,8 @@ public:
     bool CopyWithTissue(IP_VolData* source, const unsigned int** colours, IP_VolData* tissues, bool transposed,
                         int pd_counter, int tissue_counter, bool run);
 
-    // Tissues and tables of lean data; nothing is filled. Null tables leave the tables as they are.
+    // Tissues and tables of lean data; nothing is filled. Null tables leave the tables as they are. Throws
+    // std::bad_alloc, with nothing changed, when there is no memory for the tables.
     void SetSlowTissues(IP_VolData* tissues, const unsigned int** colours);
 
     // Reads voxels one by one and keeps one slice mapped. One thread each.
@@ -104,6 +105,7 @@ private:
         std::size_t position(short pixel) const;
     };
 
+    static std::shared_ptr<const OpaqueValues> make_tables(const IP_VolData& source, const unsigned int** colours);
     bool take_tables(const IP_VolData* source, const unsigned int** colours, IP_VolData* tissues);
     bool fill(IP_Slice* destination, int x, int y, IP_Slice* source, int slice_index);
 

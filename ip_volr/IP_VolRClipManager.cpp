@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <memory>
+#include <utility>
 
 namespace {
 
@@ -14,8 +15,8 @@ int next_counter() {
 }
 
 template <class Entry>
-std::unique_ptr<Entry[]> bounds_of(IP_ClipCalculator& calculator, const IP_Box& lattice, bool along_y) {
-    std::unique_ptr<Entry[]> bounds(new Entry[IP_ClipCalculator::NumberOfEntries(lattice, along_y)]);
+std::shared_ptr<Entry[]> bounds_of(IP_ClipCalculator& calculator, const IP_Box& lattice, bool along_y) {
+    std::shared_ptr<Entry[]> bounds(new Entry[IP_ClipCalculator::NumberOfEntries(lattice, along_y)]);
     if (along_y) {
         calculator.CalculateYX(lattice, bounds.get());
     } else {
@@ -66,9 +67,6 @@ bool IP_VolRClipManager::GetClippingBounds(IP_VolData* source, IP_VolData* prepa
     auto yx = bounds_of<int>(calculator, *data->GetBox(), true);
     auto xy_full = bounds_of<short>(calculator, *source->GetBox(), false);
     auto yx_full = bounds_of<short>(calculator, *source->GetBox(), true);
-    data->SetXYCBounds(xy.release());
-    data->SetYXCBounds(yx.release());
-    data->SetXYCBoundsLin(xy_full.release());
-    data->SetYXCBoundsLin(yx_full.release());
+    data->SetBounds(std::move(xy), std::move(yx), std::move(xy_full), std::move(yx_full));
     return true;
 }

@@ -35,7 +35,7 @@ public:
     // Computes the bounds of the prepared volume's lines (32 bits) and of the source's lines at full size (16 bits), XY
     // and YX, for the active planes, and hands them to the prepared volume (an IP_VolDataProj; see there for the
     // layout). False, with nothing changed, when a volume is missing or the second one is not prepared data.
-    // Cancellation leaves as TCO_CANCEL_EXCEPTION with the bounds as they were.
+    // Cancellation leaves as TCO_CANCEL_EXCEPTION, and want of memory as std::bad_alloc, with the bounds as they were.
     bool GetClippingBounds(IP_VolData* source, IP_VolData* prepared);
 
 private:

@@ -3,6 +3,7 @@
 #include "host/masks.h"
 #include "host/matrix_math.h"
 #include "host/multi_volume.h"
+#include "ip_volr/IP_RefusedMemory.h"
 #include "ip_volr/IP_SliceMapping.h"
 #include "ip_volr/IP_VOLR_Trace.h"
 #include "ip_volr/IP_VolRTissueList.h"
@@ -64,9 +65,18 @@ bool IP_VolTisInd::Create(const IP_VolData& source, SliceHashMap& map, bool tran
                         kBytesPerPixel)) {
         return false;
     }
-    place_box();
-    set_tissue_box_size_status();
+    const bool done = ip_volr::succeeds_with_memory(kSource, "IP_VolTisInd::Create", [this] {
+        place_box();
+        set_tissue_box_size_status();
+        return write_slices();
+    });
+    if (done) {
+        Reset();
+    }
+    return done;
+}
 
+bool IP_VolTisInd::write_slices() {
     // Write batch by batch; a batch is unmapped however it ends.
     const long long slice_bytes = std::max(1LL, static_cast<long long>(m_ChunkX) * m_ChunkY / 2);
     const int batch = static_cast<int>(std::clamp(kBatchBytes / slice_bytes, 1LL, 1000000000LL));
@@ -80,7 +90,6 @@ bool IP_VolTisInd::Create(const IP_VolData& source, SliceHashMap& map, bool tran
         }
         run_subtasks(&IP_VolDataProj::subtask_copy_slices);
     }
-    Reset();
     return true;
 }
 

@@ -71,6 +71,7 @@ private:
     Mask find_mask(unsigned tissue) const;
     void set_tissue_box_size_status();
     void place_box();
+    bool write_slices();
     void set_tissue_line(const Mask& mask, int slice, int row, std::uint8_t* line, int line_length,
                          std::vector<std::uint8_t>& scratch) const;
 

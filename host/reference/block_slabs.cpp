@@ -1,7 +1,6 @@
 #include "host/reference/block_slabs.h"
 
 #include <algorithm>
-#include <new>
 
 namespace reference_host {
 
@@ -63,29 +62,19 @@ BlockSlabs::Slab* BlockSlabs::SlabFor(std::size_t length) {
 }
 
 BlockSlabs::Slab* BlockSlabs::NewSlab(std::size_t length) {
-    const std::size_t bytes = slab_length(length);
-    void* const base = m_System.map(bytes);
-    if (base == nullptr) {
+    // A list of its own until nothing can fail any more.
+    std::list<Slab> made(1);
+    std::list<Slab>& slabs = m_Slabs[length];
+    Slab& slab = made.front();
+    slab.length = slab_length(length);
+    slab.block_length = length;
+    slab.blocks.assign(slab.length / length, Slab::Block::Bare);
+    slab.base = static_cast<char*>(m_System.map(slab.length));
+    if (slab.base == nullptr) {
         return nullptr;
     }
-    try {
-        std::list<Slab>& slabs = m_Slabs[length];
-        slabs.emplace_back();
-        Slab& slab = slabs.back();
-        slab.base = static_cast<char*>(base);
-        slab.length = bytes;
-        slab.block_length = length;
-        try {
-            slab.blocks.assign(bytes / length, Slab::Block::Bare);
-        } catch (const std::bad_alloc&) {
-            slabs.pop_back();
-            throw;
-        }
-        return &slab;
-    } catch (const std::bad_alloc&) {
-        m_System.unmap(base, bytes);
-        return nullptr;
-    }
+    slabs.splice(slabs.end(), made);
+    return &slab;
 }
 
 void BlockSlabs::Put(Slab* slab, void* block) {

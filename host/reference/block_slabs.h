@@ -45,7 +45,8 @@ public:
     };
     BlockSlabs(const System& system, std::size_t most_kept_bytes) : m_System(system), m_MostKept(most_kept_bytes) {}
 
-    // A block of `length` bytes (a multiple of the page size) and its slab; null when there is no memory.
+    // A block of `length` bytes (a multiple of the page size) and its slab; null when the system has no memory. Throws
+    // std::bad_alloc, with nothing taken, when there is none for the slab's own records.
     void* Take(std::size_t length, Slab** slab);
     void Put(Slab* slab, void* block);
     // Gives back all slabs without a used block; false when there were none.

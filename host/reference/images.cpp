@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <new>
 #include <utility>
 
 namespace {
@@ -12,17 +13,10 @@ int next_identity() {
     return g_LastIdentity.fetch_add(1, std::memory_order_relaxed) + 1;
 }
 
-// The blocks of a run of slices, without those that have none.
-std::vector<MEM_PagerInfo*> blocks_of(IP_Slice** slices, int count) {
-    std::vector<MEM_PagerInfo*> blocks;
-    blocks.reserve(static_cast<std::size_t>(std::max(count, 0)));
-    for (int i = 0; slices != nullptr && i < count; ++i) {
-        MEM_PagerInfo* const block = slices[i] != nullptr ? slices[i]->GetData() : nullptr;
-        if (block != nullptr && block->Block() != -1) {
-            blocks.push_back(block);
-        }
-    }
-    return blocks;
+// The block of a slice, or null when it has none.
+MEM_PagerInfo* block_of(const IP_Slice* slice) {
+    MEM_PagerInfo* const block = slice != nullptr ? slice->GetData() : nullptr;
+    return block != nullptr && block->Block() != -1 ? block : nullptr;
 }
 
 }  // namespace
@@ -72,13 +66,27 @@ void* IP_Slice::MappedPixels() const {
 
 bool IP_SliceVector::MapIPSliceVec(IP_Slice** slices, int count, MEM_PagerInfo** /*infos*/, bool /*reserved_a*/,
                                    bool /*reserved_b*/) {
-    std::vector<MEM_PagerInfo*> blocks = blocks_of(slices, count);
+    std::vector<MEM_PagerInfo*> blocks;
+    try {
+        blocks.reserve(static_cast<std::size_t>(std::max(count, 0)));
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    for (int i = 0; slices != nullptr && i < count; ++i) {
+        if (MEM_PagerInfo* const block = block_of(slices[i])) {
+            blocks.push_back(block);
+        }
+    }
     return MEM_MemPager::GetHandleForMP()->MapMemPagerInfoVec(blocks.data(), static_cast<int>(blocks.size())) == 0;
 }
 
 void IP_SliceVector::UnMapIPSliceVec(IP_Slice** slices, int count, MEM_PagerInfo** /*infos*/, bool /*reserved*/) {
-    std::vector<MEM_PagerInfo*> blocks = blocks_of(slices, count);
-    MEM_MemPager::GetHandleForMP()->UnmapMemPagerInfoVec(blocks.data(), static_cast<int>(blocks.size()));
+    // One by one: a release must not fail for lack of memory.
+    for (int i = 0; slices != nullptr && i < count; ++i) {
+        if (MEM_PagerInfo* const block = block_of(slices[i])) {
+            block->Unmap();
+        }
+    }
 }
 
 IP_VolData::IP_VolData() : m_Identity(next_identity()) {}

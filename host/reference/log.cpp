@@ -79,9 +79,6 @@ void write_text(std::FILE* stream, const std::string& text) {
 }
 
 void write_line(const char* text, bool headline) {
-    if (t_InSink) {
-        return;
-    }
     const LogLine line{t_Announced.level, t_Announced.source, t_Announced.function, t_Announced.line, text, headline};
     std::string whole = headline ? make_headline(line) + text : text;
     if (headline && (whole.empty() || whole.back() != '\n')) {
@@ -97,14 +94,22 @@ void write_line(const char* text, bool headline) {
         write_text(s.file, whole);
     }
     if (s.callback) {
-        t_InSink = true;
-        try {
-            s.callback(line);
-        } catch (...) {
-            // The log never fails its callers.
-        }
-        t_InSink = false;
+        s.callback(line);
     }
+}
+
+// Runs what writes a line. The log never fails its callers: a line that has no memory, or whose sink throws, is lost.
+template <class Write>
+void write_safely(const Write& write) {
+    if (t_InSink) {
+        return;
+    }
+    t_InSink = true;
+    try {
+        write();
+    } catch (...) {
+    }
+    t_InSink = false;
 }
 
 }  // namespace
@@ -130,11 +135,13 @@ void Tmr_LogFile::Log(const char* format, ...) {
     const int length = std::vsnprintf(on_stack, sizeof on_stack, format, arguments);
     va_end(arguments);
     if (length >= static_cast<int>(sizeof on_stack)) {
-        std::vector<char> text(static_cast<std::size_t>(length) + 1);
-        std::vsnprintf(text.data(), text.size(), format, again);
-        write_line(text.data(), true);
+        write_safely([&] {
+            std::vector<char> text(static_cast<std::size_t>(length) + 1);
+            std::vsnprintf(text.data(), text.size(), format, again);
+            write_line(text.data(), true);
+        });
     } else if (length >= 0) {
-        write_line(on_stack, true);
+        write_safely([&] { write_line(on_stack, true); });
     }
     va_end(again);
 }
@@ -142,7 +149,7 @@ void Tmr_LogFile::Log(const char* format, ...) {
 void Tmr_LogFile::LogNoHeadline(const char* text) {
     const int level = g_EffectiveLevel.load(std::memory_order_relaxed);
     if (text != nullptr && level > 0 && t_Announced.level <= level) {
-        write_line(text, false);
+        write_safely([&] { write_line(text, false); });
     }
 }
 

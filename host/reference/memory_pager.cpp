@@ -60,8 +60,8 @@ MEM_MemPager::MEM_MemPager() = default;
 MEM_MemPager::~MEM_MemPager() = default;
 
 MEM_MemPager* MEM_MemPager::GetHandleForMP() {
-    static MEM_MemPager* const instance = new MEM_MemPager;
-    return instance;
+    static MEM_MemPager instance;
+    return &instance;
 }
 
 int MEM_MemPager::Allocate(unsigned bytes, MEM_PagerInfo* info, int flags) {

@@ -67,7 +67,11 @@ void unmap_pages(void* base, std::size_t /*length*/) {
 
 void drop_pages(void* /*base*/, std::size_t /*length*/) {}
 
-void populate_small_pages(void* /*base*/, std::size_t /*length*/) {}
+bool has_small_pages() {
+    return false;
+}
+
+void populate_pages(void* /*base*/, std::size_t /*length*/) {}
 
 #else
 
@@ -121,14 +125,16 @@ bool has_huge_pages() {
     return std::getline(file, text) && text.find("[never]") == std::string::npos;
 }
 
+bool has_small_pages() {
+    static const bool small = !has_huge_pages();
+    return small;
+}
+
 // Where there are only small pages, brings in all of a block at once: a fault for each would cost several times as
 // much. Huge pages come when they are written.
-void populate_small_pages([[maybe_unused]] void* base, [[maybe_unused]] std::size_t length) {
+void populate_pages([[maybe_unused]] void* base, [[maybe_unused]] std::size_t length) {
 #if defined(MADV_POPULATE_WRITE)
-    static const bool has_small_pages = !has_huge_pages();
-    if (has_small_pages) {
-        madvise(base, length, MADV_POPULATE_WRITE);
-    }
+    madvise(base, length, MADV_POPULATE_WRITE);
 #endif
 }
 
@@ -231,19 +237,20 @@ void* find_pages(std::size_t length) {
 }
 
 void* find_in_slab(std::size_t length, BlockSlabs::Slab** slab) {
+    const bool populate = has_small_pages();  // reads a file the first time, which takes memory
     void* base = slabs().Take(length, slab);
     if (base == nullptr && give_back_kept()) {
         base = slabs().Take(length, slab);
     }
-    if (base != nullptr) {
-        populate_small_pages(base, length);
+    if (base != nullptr && populate) {
+        populate_pages(base, length);
     }
     return base;
 }
 
 }  // namespace
 
-BlockMemory allocate_block_memory(std::int64_t bytes) {
+BlockMemory allocate_block_memory(std::int64_t bytes) try {
     BlockMemory memory;
     if (bytes <= kSmallBlock) {
         const std::size_t size = static_cast<std::size_t>(std::max<std::int64_t>(bytes, 1));
@@ -258,6 +265,8 @@ BlockMemory allocate_block_memory(std::int64_t bytes) {
         memory.length < kLongestSlabBlock ? find_in_slab(memory.length, &memory.slab) : find_pages(memory.length);
     memory.address = memory.base != nullptr ? static_cast<char*>(memory.base) + first : nullptr;
     return memory;
+} catch (const std::bad_alloc&) {
+    return BlockMemory();  // the records that blocks need beside their pages
 }
 
 void release_block_memory(const BlockMemory& memory) {

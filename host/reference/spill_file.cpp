@@ -115,17 +115,15 @@ private:
 #if defined(_WIN32)
 
 std::shared_ptr<SpillFile> SpillFile::Open(const std::string& folder) {
+    const std::shared_ptr<SpillFile> file(new SpillFile(INVALID_HANDLE_VALUE));  // before the handle, which it owns
     const std::filesystem::path directory(folder.empty() ? default_folder() : folder);
     wchar_t name[MAX_PATH + 1];
     if (directory.native().size() > MAX_PATH - 14 || GetTempFileNameW(directory.c_str(), L"ipv", 0, name) == 0) {
         return nullptr;
     }
-    const Handle handle = CreateFileW(name, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_DELETE, nullptr,
-                                      CREATE_ALWAYS, FILE_ATTRIBUTE_TEMPORARY | FILE_FLAG_DELETE_ON_CLOSE, nullptr);
-    if (handle == INVALID_HANDLE_VALUE) {
-        return nullptr;
-    }
-    return std::shared_ptr<SpillFile>(new SpillFile(handle));
+    file->m_Handle = CreateFileW(name, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_DELETE, nullptr,
+                                 CREATE_ALWAYS, FILE_ATTRIBUTE_TEMPORARY | FILE_FLAG_DELETE_ON_CLOSE, nullptr);
+    return file->m_Handle == INVALID_HANDLE_VALUE ? nullptr : file;
 }
 
 namespace {
@@ -140,7 +138,9 @@ OVERLAPPED position_of(std::int64_t offset) {
 }  // namespace
 
 SpillFile::~SpillFile() {
-    CloseHandle(m_Handle);
+    if (m_Handle != INVALID_HANDLE_VALUE) {
+        CloseHandle(m_Handle);
+    }
 }
 
 bool SpillFile::WriteAt(const char* data, std::int64_t bytes, std::int64_t offset) const {
@@ -165,12 +165,15 @@ void SpillFile::Truncate(std::int64_t /*length*/) const {}
 #else
 
 std::shared_ptr<SpillFile> SpillFile::Open(const std::string& folder) {
-    const int handle = open_unnamed(folder.empty() ? default_folder() : folder);
-    return handle < 0 ? nullptr : std::shared_ptr<SpillFile>(new SpillFile(handle));
+    const std::shared_ptr<SpillFile> file(new SpillFile(-1));  // before the handle, which it owns
+    file->m_Handle = open_unnamed(folder.empty() ? default_folder() : folder);
+    return file->m_Handle < 0 ? nullptr : file;
 }
 
 SpillFile::~SpillFile() {
-    close(m_Handle);
+    if (m_Handle >= 0) {
+        close(m_Handle);
+    }
 }
 
 bool SpillFile::WriteAt(const char* data, std::int64_t bytes, std::int64_t offset) const {

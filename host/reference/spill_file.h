@@ -40,7 +40,7 @@ private:
     bool ReadAt(char* data, std::int64_t bytes, std::int64_t offset) const;
     void Truncate(std::int64_t length) const;
 
-    const Handle m_Handle;
+    Handle m_Handle;                                  // invalid until the file is open
     std::mutex m_Mutex;                               // guards the extents
     std::map<std::int64_t, std::int64_t> m_Released;  // length by offset, never two that touch
     std::int64_t m_End = 0;                           // end of the last extent in use

@@ -105,22 +105,34 @@ void TaskPool::Execute(TCO_CompoundRunnableBase& runnable, int num_subtasks) {
     } else {
         // Publish the job, help with it, and wait for those who joined.
         StartWorkers();
-        {
-            const std::lock_guard<std::mutex> lock(m_Mutex);
-            m_Jobs.push_back(&job);
-        }
+        Publish(job);
         m_Generation.fetch_add(1);
         WakeWorkers(num_subtasks - 1);
         DrawSubtasks(job, 0);
-        {
-            const std::lock_guard<std::mutex> lock(m_Mutex);
-            m_Jobs.erase(std::find(m_Jobs.begin(), m_Jobs.end(), &job));
-        }
+        Withdraw(job);
         WaitForWorkers(job);
     }
     if (job.failure) {
         std::rethrow_exception(job.failure);
     }
+}
+
+void TaskPool::Publish(Job& job) {
+    const std::lock_guard<std::mutex> lock(m_Mutex);
+    Job** end = &m_OldestJob;
+    while (*end != nullptr) {
+        end = &(*end)->newer;
+    }
+    *end = &job;
+}
+
+void TaskPool::Withdraw(const Job& job) {
+    const std::lock_guard<std::mutex> lock(m_Mutex);
+    Job** link = &m_OldestJob;
+    while (*link != &job) {
+        link = &(*link)->newer;
+    }
+    *link = job.newer;
 }
 
 void TaskPool::StartWorkers() {
@@ -175,12 +187,14 @@ void TaskPool::RunWorker(int server) {
 
 TaskPool::Job* TaskPool::JoinOldestJob() {
     const std::lock_guard<std::mutex> lock(m_Mutex);
-    const auto open = std::find_if(m_Jobs.begin(), m_Jobs.end(), [](const Job* job) { return !job->IsExhausted(); });
-    if (open == m_Jobs.end()) {
-        return nullptr;
+    Job* open = m_OldestJob;
+    while (open != nullptr && open->IsExhausted()) {
+        open = open->newer;
     }
-    (*open)->workers.fetch_add(1);
-    return *open;
+    if (open != nullptr) {
+        open->workers.fetch_add(1);
+    }
+    return open;
 }
 
 // The job may be gone as soon as the count is down: only the pool is touched after that.

@@ -51,6 +51,7 @@ private:
         std::mutex failure_mutex;
         int failed_subtask = -1;
         std::exception_ptr failure;
+        Job* newer = nullptr;  // in the list of jobs, which takes no memory
 
         bool IsExhausted() const { return next.load(std::memory_order_relaxed) >= num_subtasks; }
     };
@@ -62,12 +63,14 @@ private:
     Job* JoinOldestJob();
     void LeaveJob(Job& job);
     static void DrawSubtasks(Job& job, int server);
+    void Publish(Job& job);
+    void Withdraw(const Job& job);
     void WaitForJobs(std::uint32_t seen_generation);
     void WaitForWorkers(const Job& job);
     void WakeWorkers(int wanted);
 
     std::mutex m_Mutex;  // guards the list of jobs, the threads and the sleeping
-    std::vector<Job*> m_Jobs;
+    Job* m_OldestJob = nullptr;
     std::vector<std::thread> m_Threads;
     std::atomic<int> m_Servers{0};  // 0: not decided yet
     bool m_Oversubscribed = false;  // more servers than processors: spinning yields

@@ -174,7 +174,7 @@ TEST_F(BrickStructure, FaultsInSetUpLeaveMappedRecordsOrNothing) {
         structure.SetMaxLayerLoaded(1);
         bool done = false;
         point.run([&] { done = structure.Init(volume.get()); }, true);
-        EXPECT_NE(done, point.came());
+        point.expect_ended_by_fault(done);
         const bool has_records = structure.GetCurrentVolData() != nullptr;
         EXPECT_TRUE(has_records || point.came());
         EXPECT_FALSE(has_records && point.is(Fault::Allocation));
@@ -211,7 +211,7 @@ TEST_F(BrickStructure, FaultsInStreamingAndTissueUpdatesAreMadeGood) {
             };
             bool done = false;
             point.run([&] { done = update(); });
-            EXPECT_NE(done, point.came());
+            point.expect_ended_by_fault(done);
             ASSERT_TRUE(update());
             if (streaming) {
                 expect_min_max(structure, kDims, false, value);

@@ -114,7 +114,7 @@ TEST(MipPicking, RefusedMappingsAreToldInsteadOfAnotherVoxel) {
             bool found = false;
             const auto search = [&] { found = r.projector.Screen2Physical(&r.p, 0, 75.0, 65.0, linear, &pick); };
             point.run(search);
-            EXPECT_NE(found, point.came());
+            point.expect_ended_by_fault(found);
             EXPECT_EQ(r.projector.IsComplete(), found);
             search();
             EXPECT_TRUE(found && r.projector.IsComplete());

@@ -214,10 +214,16 @@ void Renderer::pass_planes() {
 std::vector<std::uint32_t> Renderer::render(std::uint32_t background) {
     std::vector<std::uint32_t> picture(static_cast<std::size_t>(scene.width) * static_cast<std::size_t>(scene.height),
                                        background);
-    if (!facade.Render(picture.data(), scene.width, scene.height)) {
+    render_into(picture);
+    return picture;
+}
+
+bool Renderer::render_into(std::vector<std::uint32_t>& picture) {
+    const bool drawn = facade.Render(picture.data(), scene.width, scene.height);
+    if (!drawn) {
         picture.clear();
     }
-    return picture;
+    return drawn;
 }
 
 Vec pixel_mm(const Scene& scene, double x, double y) {

@@ -86,6 +86,7 @@ public:
     void pass_planes();
     // Draws over a background of one colour; empty when the engine refuses.
     std::vector<std::uint32_t> render(std::uint32_t background = 0);
+    bool render_into(std::vector<std::uint32_t>& picture);  // of the right size; empty when there is none
 
     Scene scene;
     std::shared_ptr<IP_VolData> volume;

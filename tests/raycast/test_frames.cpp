@@ -233,59 +233,74 @@ Scene small_scene() {
 }
 
 // Sweeps the frame after a change. Whatever happened to it, the next frame shows the scene, and the engine keeps mapped
-// what it keeps after any final frame. `prepare` comes before the change, without faults.
+// what it keeps after any final frame. `prepare` comes before the change, without faults. A change that lets
+// std::bad_alloc through is made again.
 void sweep_frames(Facade::RenderMode mode, const std::function<void(Renderer&)>& prepare,
-                  const std::function<void(Renderer&)>& change) {
+                  const std::function<void(Renderer&)>& change, BadAlloc bad_alloc = BadAlloc::Never) {
     const Scene scene = small_scene();
     const auto mappings = [] { return reference_host::GetPagerStatistics().mappings; };
     Renderer reference_renderer(scene);
     const std::int64_t resting_before = mappings();
     const Picture reference = reference_renderer.render();
     const std::int64_t resting = mappings() - resting_before;
-    FaultSweep sweep;
+    FaultSweep sweep(bad_alloc);
     sweep.run([&](FaultPoint& point) {
         Renderer renderer(scene);
         const std::int64_t mappings_before = mappings();
         prepare(renderer);
         renderer.facade.SetRenderMode(mode);
-        Picture picture;
+        Picture picture(reference.size());
+        bool drawn = false;
         const auto draw = [&] {
             change(renderer);
-            picture = renderer.render();
+            drawn = renderer.render_into(picture);
         };
-        const bool ended = point.run(draw, true);
-        EXPECT_TRUE(!picture.empty() || point.came());
-        EXPECT_TRUE(picture.empty() || mode == Facade::RENDER_MODE_INTERACTIVE || picture == reference);
-        EXPECT_EQ(renderer.facade.IsCacheValid(), ended && !picture.empty());
+        point.run(draw, true);
+        EXPECT_TRUE(drawn || point.came());
+        EXPECT_TRUE(!drawn || mode == Facade::RENDER_MODE_INTERACTIVE || picture == reference);
+        EXPECT_EQ(renderer.facade.IsCacheValid(), drawn);
+        if (point.has_thrown_bad_alloc()) {
+            change(renderer);
+        }
         renderer.facade.SetRenderMode(Facade::RENDER_MODE_FINAL);
         EXPECT_EQ(renderer.render(), reference);
         EXPECT_EQ(mappings(), mappings_before + resting);
     });
 }
 
+void set_volumes(Renderer& renderer) {
+    renderer.facade.SetVolumeData(nullptr, true);
+    renderer.facade.SetVolumeData(&renderer.volumes, true);
+    renderer.facade.SetVolumeTissues(&renderer.tissues);
+}
+
 TEST_F(RayCastFrames, FaultsInAFirstFinalFrame) {
     sweep_frames(
-        Facade::RENDER_MODE_FINAL, [](Renderer&) {}, [](Renderer&) {});
+        Facade::RENDER_MODE_FINAL, [](Renderer&) {}, set_volumes);
 }
 
 TEST_F(RayCastFrames, FaultsInAFirstInteractiveFrame) {
     sweep_frames(
-        Facade::RENDER_MODE_INTERACTIVE, [](Renderer&) {}, [](Renderer&) {});
+        Facade::RENDER_MODE_INTERACTIVE, [](Renderer&) {}, set_volumes);
 }
 
-TEST_F(RayCastFrames, FaultsAfterAChangeOfSizeAndTables) {
+TEST_F(RayCastFrames, FaultsAfterAChangeOfSizeTablesAndPlanes) {
+    const int width = small_scene().width;
     sweep_frames(
         Facade::RENDER_MODE_FINAL,
         [](Renderer& renderer) {
             renderer.scene.width = 50;
             renderer.pass_view();
+            renderer.facade.SetClippingPlanes(nullptr);
             renderer.render();
         },
-        [](Renderer& renderer) {
-            renderer.scene.width = small_scene().width;
+        [=](Renderer& renderer) {
+            renderer.scene.width = width;
             renderer.pass_view();
             renderer.pass_tables();
-        });
+            renderer.pass_planes();
+        },
+        BadAlloc::Allowed);
 }
 
 TEST_F(RayCastFrames, FaultsInATissueUpdate) {

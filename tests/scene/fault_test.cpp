@@ -118,7 +118,7 @@ void Sweep(FaultSweep& sweep, const Prepare& prepare, const Operate& operate) {
 const auto kNothing = [](World&) {};
 
 TEST(SceneFaults, LoadingAVolume) {
-    FaultSweep sweep;
+    FaultSweep sweep(BadAlloc::NotSwept);
     Sweep(sweep, kNothing, [](World&) {
         VolumeSource source(Imported(SmallPhantom().voxels, true));
         source.Histogram();
@@ -133,7 +133,7 @@ TEST(SceneFaults, LoadingAVolumeThatGrows) {
     std::iota(all.begin(), all.end(), 0);
     VolumeSource at_once(Imported(SmallPhantom().voxels, true));
     const auto expected = BytesOf(*at_once.Volume(), kSliceBytes);
-    FaultSweep sweep;
+    FaultSweep sweep(BadAlloc::NotSwept);
     sweep.run([&](FaultPoint& point) {
         const ImportedVolume layout = Imported(SmallPhantom().voxels, true);
         std::unique_ptr<scene::GrowingSource> growing;
@@ -166,7 +166,7 @@ TEST(SceneFaults, LoadingAVolumeThatGrows) {
 }
 
 TEST(SceneFaults, LoadingLabels) {
-    FaultSweep sweep;
+    FaultSweep sweep(BadAlloc::NotSwept);
     const ImportedVolume map = Imported(SmallPhantom().labels, false);
     ImportedVolume shifted = map;
     shifted.index_to_patient[3] += map.spacing_mm[0];
@@ -188,7 +188,7 @@ TEST(SceneFaults, LoadingLabels) {
 }
 
 TEST(SceneFaults, Projecting) {
-    FaultSweep sweep;
+    FaultSweep sweep(BadAlloc::NotSwept);
     for (const bool linear : {true, false}) {
         const auto prepare = [&](World& world) {
             world.projection = std::make_unique<scene::Projection>(world.source, linear);
@@ -199,7 +199,7 @@ TEST(SceneFaults, Projecting) {
 }
 
 TEST(SceneFaults, MaskingAProjectionKeepsTheEarlierMask) {
-    FaultSweep sweep;
+    FaultSweep sweep(BadAlloc::NotSwept);
     for (const bool linear : {true, false}) {
         World world;
         const auto mask = MakeHiddenMask(world.labels, world.plan, world.source);
@@ -228,7 +228,7 @@ TEST(SceneFaults, MaskingAProjectionKeepsTheEarlierMask) {
 }
 
 TEST(SceneFaults, Rendering) {
-    FaultSweep sweep;
+    FaultSweep sweep(BadAlloc::NotSwept);
     const auto prepare = [](World& world) {
         world.rendering = std::make_unique<scene::VolumeRendering>(world.source);
         world.rendering->SetTransfer(*scene::FindPreset("ct-bone"), true);
@@ -241,7 +241,7 @@ TEST(SceneFaults, Rendering) {
 }
 
 TEST(SceneFaults, PickingVessels) {
-    FaultSweep sweep;
+    FaultSweep sweep(BadAlloc::NotSwept);
     const auto prepare = [](World& world) {
         world.projection = std::make_unique<scene::Projection>(world.source, true);
         world.projection->SetView(world.camera, world.view);
@@ -263,7 +263,7 @@ TEST(SceneFaults, PickingVessels) {
 
 TEST(SceneFaults, CancelledImports) {
     const import_test::TempFolder folder;
-    FaultSweep sweep;
+    FaultSweep sweep(BadAlloc::NotSwept);
     for (const char* name : {"a.nii", "a.nii.gz", "a.nrrd", "a.mha"}) {
         const std::string path = folder / name;
         scene::WriteVolume(path, {SmallPhantom().size, SmallPhantom().spacing_mm, SmallPhantom().origin_mm},

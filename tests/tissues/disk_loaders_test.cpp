@@ -140,12 +140,12 @@ TEST_F(DiskLoaders, RefusedMemoryEndsTheLoadingAndTheNextOneSucceeds) {
     IP_RealBitVol mask(box);
     mask.SetPixel(0, 0, 3, true);
     FaultSweep sweep;
+    const std::wstring folder = (m_Folder / "in").wstring();
+    testing::internal::CaptureStdout();
     sweep.run([&](FaultPoint& point) {
         const auto read = [&](IP_VolData& volume) {
             IP_VolData* handle = &volume;
-            testing::internal::CaptureStdout();
-            ReadDataFromDisk(&handle, (m_Folder / "in").wstring().c_str(), 1);
-            testing::internal::GetCapturedStdout();
+            ReadDataFromDisk(&handle, folder.c_str(), 1);
             int dims[3];
             volume.GetBox()->GetDims(dims);
             return dims[2];
@@ -153,19 +153,20 @@ TEST_F(DiskLoaders, RefusedMemoryEndsTheLoadingAndTheNextOneSucceeds) {
         IP_VolData volume(&box, 4);
         int num_read = 0;
         point.run([&] { num_read = read(volume); });
-        EXPECT_EQ(num_read < 4, point.came());
+        point.expect_ended_by_fault(num_read == 4);
         EXPECT_EQ(volume.GetSlice(num_read), nullptr);
         IP_VolData again(&box, 4);
         EXPECT_EQ(read(again), 4);
         EXPECT_EQ(pixels_of<IP_ShortSlice>(again, 3, 4), (std::vector<short>{1, 2, 3, 4}));
     });
+    testing::internal::GetCapturedStdout();
     sweep.run([&](FaultPoint& point) {
         IP_VolData volume(&box, 4);
         IP_VolData* handle = &volume;
         const std::string path = (m_Folder / "in" / "labels").string();
         bool done = false;
         point.run([&] { done = ReadTissueFromDisk(&handle, path.c_str()); });
-        EXPECT_NE(done, point.came());
+        point.expect_ended_by_fault(done);
         for (int z = 0; z < 4; ++z) {
             delete volume.GetSlice(z);
             volume.SetSlice(nullptr, z);
@@ -176,7 +177,7 @@ TEST_F(DiskLoaders, RefusedMemoryEndsTheLoadingAndTheNextOneSucceeds) {
     sweep.run([&](FaultPoint& point) {
         IP_VolData* volume = nullptr;
         point.run([&] { ConvertRBVToTissue(&volume, &mask); });
-        EXPECT_EQ(volume == nullptr, point.came());
+        point.expect_ended_by_fault(volume != nullptr);
         delete volume;
         ASSERT_TRUE(ConvertRBVToTissue(&volume, &mask));
         EXPECT_EQ(tissue_bytes(*volume, 3, 2), (std::vector<unsigned char>{0x01, 0}));
