@@ -1,5 +1,6 @@
 #include "scene/picture.h"
 
+#include "host/tasks.h"
 #include "scene/error.h"
 #include "scene/output_file.h"
 
@@ -57,6 +58,7 @@ public:
         png_write_info(m_Png, m_Info);
         const std::size_t row_bytes = bytes.size() / static_cast<std::size_t>(height);
         for (int y = 0; y < height; ++y) {
+            TCO_RunnableSelf().Service();
             png_write_row(m_Png, bytes.data() + row_bytes * static_cast<std::size_t>(y));
         }
         png_write_end(m_Png, m_Info);

@@ -55,6 +55,15 @@ private:
 };
 
 template <class Function>
+auto ClientSession::Guarded(Function function) {
+    return [session = weak_from_this(), function = std::move(function)](const auto&... arguments) {
+        if (const auto still = session.lock(); still && !still->m_Ended) {
+            function(*still, arguments...);
+        }
+    };
+}
+
+template <class Function>
 auto ClientSession::Later(Function function) {
     return [post = m_Viewer.Post(), session = weak_from_this(), function = std::move(function)](auto&&... arguments) {
         post([session, function, ... copies = std::forward<decltype(arguments)>(arguments)] {
@@ -130,13 +139,13 @@ void ClientSession::Take(const OpenMessage& message) {
     };
     m_Viewer.Store().Open(
         message.series, *place,
-        {Later(if_wanted([](ClientSession& self, double fraction, int slices) {
+        {Guarded(if_wanted([](ClientSession& self, double fraction, int slices) {
              const int of = self.m_Opened != nullptr ? self.m_Opened->Source().Info().dims[2] : 0;
              self.m_Outbox.SendText(OpeningMessage(self.m_Series, std::min(fraction, 0.99), slices, of));
          })),
-         Later(
+         Guarded(
              if_wanted([](ClientSession& self, const std::shared_ptr<OpenedSeries>& series) { self.Opened(series); })),
-         Later(if_wanted([](ClientSession& self, const std::string& why) {
+         Guarded(if_wanted([](ClientSession& self, const std::string& why) {
              self.m_Series.clear();
              self.m_Opened.reset();
              self.m_Outbox.SendText(ErrorMessage(why));
@@ -412,6 +421,7 @@ void ClientSession::Take(const CancelMessage& message) {
     if (found != m_Requests.end()) {
         found->second->store(true);
         m_Requests.erase(found);
+        m_Viewer.Drawing().Interrupt(m_Drawing);
     }
 }
 

@@ -59,7 +59,10 @@ private:
     // The newest state, whose pane is to be exported. Throws ProtocolError when there is none.
     State StateToExport(const ExportMessage& message) const;
     void EndRequests(const std::string& why);
-    // Runs a method of this on the viewer's thread, unless the session has ended.
+    // Runs a method of this, unless the session has ended; for whoever is on the viewer's thread.
+    template <class Function>
+    auto Guarded(Function function);
+    // The same on the viewer's thread, for whoever is on another.
     template <class Function>
     auto Later(Function function);
 

@@ -16,6 +16,9 @@ constexpr double kLongFinalMs = 150.0;
 // What a final picture is taken for before one was drawn.
 constexpr double kUnknownRenderingMs = 400.0;
 
+// What pictures of others may take of the time that they and patient work have together.
+constexpr double kOthersShare = 0.75;
+
 double MillisecondsSince(Clock::time_point start) {
     return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
 }
@@ -28,10 +31,25 @@ DrawingThread::~DrawingThread() {
     {
         const std::lock_guard lock(m_Mutex);
         m_Ending = true;
-        m_Token.Cancel();
+        CancelRunning([](const Running&) { return true; });
     }
     m_Changed.notify_all();
     m_Thread.join();
+}
+
+// ---- What clients say
+
+template <class Change>
+void DrawingThread::ChangeClient(ClientId id, Change change) {
+    {
+        const std::lock_guard lock(m_Mutex);
+        const auto found = m_Clients.find(id);
+        if (found == m_Clients.end()) {
+            return;
+        }
+        change(*found->second);
+    }
+    m_Changed.notify_all();
 }
 
 DrawingThread::ClientId DrawingThread::Join(std::shared_ptr<ClientPort> port) {
@@ -43,31 +61,22 @@ DrawingThread::ClientId DrawingThread::Join(std::shared_ptr<ClientPort> port) {
 }
 
 void DrawingThread::Leave(ClientId id) {
-    {
-        const std::lock_guard lock(m_Mutex);
-        const auto found = m_Clients.find(id);
-        if (found == m_Clients.end()) {
-            return;
-        }
+    ChangeClient(id, [&](const Client&) {
         // Its engines end on the thread that uses them.
-        m_Jobs.emplace_back([client = found->second] {
-            client->scene.reset();
-            client->series.reset();
-        });
-        m_Clients.erase(found);
-        CancelStepIf(m_RunningId == id);
-    }
-    m_Changed.notify_all();
+        const auto left = m_Clients.extract(id);
+        m_Jobs.push_back({[client = left.mapped()] {
+                              client->scene.reset();
+                              client->patient_scene.reset();
+                              client->series.reset();
+                          },
+                          nullptr});
+        m_Turns.Forget(id);
+        CancelRunning([id](const Running& running) { return running.step.id == id; });
+    });
 }
 
 void DrawingThread::SetSeries(ClientId id, std::shared_ptr<OpenedSeries> series) {
-    {
-        const std::lock_guard lock(m_Mutex);
-        const auto found = m_Clients.find(id);
-        if (found == m_Clients.end()) {
-            return;
-        }
-        Client& client = *found->second;
+    ChangeClient(id, [&](Client& client) {
         if (series != nullptr && series->IsRetired()) {
             series = series->Next();
         }
@@ -79,23 +88,16 @@ void DrawingThread::SetSeries(ClientId id, std::shared_ptr<OpenedSeries> series)
         client.panes = {};
         client.urgent.clear();
         client.patient.clear();
-        CancelStepIf(m_RunningId == id);
-    }
-    m_Changed.notify_all();
+        CancelRunning([id](const Running& running) { return running.step.id == id; });
+    });
 }
 
 void DrawingThread::SetScene(ClientId id, SceneState state) {
-    {
-        const std::lock_guard lock(m_Mutex);
-        const auto found = m_Clients.find(id);
-        if (found == m_Clients.end()) {
-            return;
-        }
-        Client& client = *found->second;
+    ChangeClient(id, [&](Client& client) {
         const bool same_panes = client.state && client.state->panes == state.panes;
         // A steady hand sends states faster than pictures can be drawn: a moving picture that is begun is finished as
         // long as the hand moves, or none ever would be.
-        const bool goes_on = same_panes && state.moving && m_RunningMoves;
+        const bool moves_on = same_panes && state.moving;
         // Who lets go sees almost the picture at rest already.
         const bool lets_go = same_panes && client.state->moving && !state.moving;
         client.state = std::move(state);
@@ -103,43 +105,39 @@ void DrawingThread::SetScene(ClientId id, SceneState state) {
         for (PaneProgress& pane : client.panes) {
             pane.drawn_once = lets_go && pane.moved;
         }
-        CancelStepIf(m_RunningId == id && !goes_on);
-        GiveWay(client);
-    }
-    m_Changed.notify_all();
+        CancelRunning([&](const Running& running) {
+            const Step& step = running.step;
+            const bool goes_on = moves_on && step.kind == StepKind::kFrame && step.state.moving;
+            return step.id == id && !step.IsPatient() && !goes_on;
+        });
+        GiveWay(id, client);
+    });
 }
 
 void DrawingThread::SetWaiting(ClientId id, int pane, bool waiting) {
-    {
-        const std::lock_guard lock(m_Mutex);
-        const auto found = m_Clients.find(id);
-        if (found == m_Clients.end()) {
-            return;
-        }
-        found->second->panes[static_cast<std::size_t>(pane)].waiting = waiting;
-        GiveWay(*found->second);
-    }
-    m_Changed.notify_all();
+    ChangeClient(id, [&](Client& client) {
+        client.panes[static_cast<std::size_t>(pane)].waiting = waiting;
+        GiveWay(id, client);
+    });
 }
 
 void DrawingThread::Ask(ClientId id, bool urgent, SceneJob job) {
-    {
-        const std::lock_guard lock(m_Mutex);
-        const auto found = m_Clients.find(id);
-        if (found == m_Clients.end()) {
-            return;
-        }
-        Client& client = *found->second;
+    ChangeClient(id, [&](Client& client) {
         (urgent ? client.urgent : client.patient).push_back(std::move(job));
-        GiveWay(client);
-    }
-    m_Changed.notify_all();
+        GiveWay(id, client);
+    });
 }
 
-void DrawingThread::Run(Job job) {
+void DrawingThread::Interrupt(ClientId id) {
+    ChangeClient(id, [&](const Client&) {
+        CancelRunning([id](const Running& running) { return running.step.id == id && running.step.IsPatient(); });
+    });
+}
+
+void DrawingThread::Run(Job job, std::shared_ptr<OpenedSeries> about) {
     {
         const std::lock_guard lock(m_Mutex);
-        m_Jobs.push_back(std::move(job));
+        m_Jobs.push_back({std::move(job), std::move(about)});
     }
     m_Changed.notify_all();
 }
@@ -159,8 +157,10 @@ void DrawingThread::Refresh(const std::shared_ptr<OpenedSeries>& series) {
 void DrawingThread::Release(const std::shared_ptr<OpenedSeries>& series) {
     const std::lock_guard lock(m_Mutex);
     for (const auto& [id, client] : m_Clients) {
-        if (client->scene != nullptr && &client->scene->Series() == series.get()) {
-            client->scene.reset();
+        for (std::unique_ptr<ClientScene>* const scene : {&client->scene, &client->patient_scene}) {
+            if (*scene != nullptr && &(*scene)->Series() == series.get()) {
+                scene->reset();
+            }
         }
     }
 }
@@ -187,19 +187,29 @@ void DrawingThread::RunWhenIdle(Job job) {
     m_Changed.notify_all();
 }
 
-void DrawingThread::CancelStepIf(bool useless) {
-    if (useless && m_RunningRank) {
-        m_Token.Cancel();
+template <class Condition>
+void DrawingThread::CancelRunning(Condition is_useless) {
+    for (Running* const running : m_Running) {
+        if (is_useless(*running)) {
+            running->token.Cancel();
+        }
     }
 }
 
-// Ends the step in progress when a client's work goes before it. What stands at the front already stays.
-void DrawingThread::GiveWay(const Client& hurried) {
-    const std::optional<Rank> rank = RankOf(hurried, Clock::now());
-    CancelStepIf(rank == Rank::kNow && m_RunningRank && *m_RunningRank != Rank::kNow);
+// Ends the step in progress when a client's work goes before it. What stands at the front already stays, and what is
+// patient lets others in by itself.
+void DrawingThread::GiveWay(ClientId hurried, const Client& client) {
+    if (m_Turns.RankOf({hurried, WantOf(client)}, Clock::now()) == Rank::kNow) {
+        CancelRunning([](const Running& running) {
+            const Step& step = running.step;
+            return step.client != nullptr && step.rank != Rank::kNow && !step.IsPatient();
+        });
+    }
 }
 
-std::optional<Rank> DrawingThread::RankOfPane(const Client& client, std::size_t pane) const {
+// ---- What comes next
+
+std::optional<Rank> DrawingThread::WantOfPane(const Client& client, std::size_t pane) {
     if (!client.state || pane >= client.state->panes.size() || client.panes[pane].finished) {
         return std::nullopt;
     }
@@ -210,153 +220,188 @@ std::optional<Rank> DrawingThread::RankOfPane(const Client& client, std::size_t 
     return client.panes[pane].waiting ? Rank::kAhead : Rank::kNow;
 }
 
-std::optional<Rank> DrawingThread::RankOf(const Client& client, Clock::time_point now) const {
-    if (client.series == nullptr) {
+std::optional<Rank> DrawingThread::WantOf(const Client& client) {
+    if (client.series == nullptr || !client.state) {
         return std::nullopt;
+    }
+    if (!client.urgent.empty()) {
+        return Rank::kNow;
     }
     std::optional<Rank> best;
     for (std::size_t pane = 0; pane < client.panes.size(); ++pane) {
-        const std::optional<Rank> rank = RankOfPane(client, pane);
+        const std::optional<Rank> rank = WantOfPane(client, pane);
         best = rank && (!best || *rank < *best) ? rank : best;
     }
-    if (client.state && !client.urgent.empty()) {
-        best = Rank::kNow;
-    }
-    if (!best && client.state && !client.patient.empty()) {
-        best = Rank::kPatient;
-    }
-    // Nobody waits for ever; only pictures that their own client cannot take do.
-    if (best && *best != Rank::kAhead && client.share.HasWaitedTooLong(now)) {
-        best = Rank::kNow;
-    }
-    return best;
+    return best || client.patient.empty() ? best : Rank::kPatient;
 }
 
-std::optional<DrawingThread::Step> DrawingThread::NextStep() {
+// What is about the series of the interrupted step, or about any, waits for its end.
+std::optional<DrawingThread::Job> DrawingThread::NextJob(const Step* interrupted) {
+    const auto next = std::find_if(m_Jobs.begin(), m_Jobs.end(), [interrupted](const SeriesJob& job) {
+        return interrupted == nullptr || (job.about != nullptr && job.about != interrupted->series);
+    });
+    if (next == m_Jobs.end()) {
+        return std::nullopt;
+    }
+    Job job = std::move(next->job);
+    m_Jobs.erase(next);
+    return job;
+}
+
+// The next step; between the pieces of an interrupted one only what may go before it.
+std::optional<DrawingThread::Step> DrawingThread::NextStep(const Step* interrupted) {
     Step step;
-    if (!m_Jobs.empty()) {
-        step.job = std::move(m_Jobs.front());
-        m_Jobs.pop_front();
+    if (std::optional<Job> job = NextJob(interrupted)) {
+        step.job = std::move(*job);
         return step;
     }
     // Who is first.
-    const Clock::time_point now = Clock::now();
+    std::vector<DrawingTurns::Claim> claims;
     for (const auto& [id, client] : m_Clients) {
-        const std::optional<Rank> rank = RankOf(*client, now);
-        if (!rank) {
-            client->share.waiting_since.reset();
-            continue;
-        }
-        if (!client->share.waiting_since) {
-            client->share.waiting_since = now;
-            // Who had nothing to do has no claim on the time that others used meanwhile.
-            client->share.used_s = std::max(client->share.used_s, m_Turn);
-        }
-        if (step.client == nullptr || GoesBefore(*rank, client->share, step.rank, step.client->share)) {
-            step.client = client;
-            step.id = id;
-            step.rank = *rank;
+        const std::optional<Rank> want = WantOf(*client);
+        if (interrupted == nullptr || (want && *want != Rank::kPatient)) {
+            claims.push_back({id, want});
         }
     }
-    if (step.client == nullptr) {
-        if (m_IdleJobs.empty()) {
-            return std::nullopt;
-        }
-        step.job = std::move(m_IdleJobs.front());
-        m_IdleJobs.pop_front();
+    if (const std::optional<DrawingTurns::Claim> first = m_Turns.Next(claims, Clock::now())) {
+        step.id = first->client;
+        step.rank = *first->rank;
+        step.client = m_Clients[step.id];
+        ChooseWork(step);
         return step;
     }
+    if (interrupted != nullptr || m_IdleJobs.empty()) {
+        return std::nullopt;
+    }
+    step.job = std::move(m_IdleJobs.front());
+    m_IdleJobs.pop_front();
+    return step;
+}
 
-    // What it wants most.
+// What the client wants most.
+void DrawingThread::ChooseWork(Step& step) {
     Client& client = *step.client;
-    m_Turn = std::max(m_Turn, client.share.used_s);
     step.series = client.series;
     step.state = *client.state;
     std::optional<Rank> best;
     for (std::size_t pane = 0; pane < client.panes.size(); ++pane) {
-        const std::optional<Rank> rank = RankOfPane(client, pane);
+        const std::optional<Rank> rank = WantOfPane(client, pane);
         if (rank && (!best || *rank < *best)) {
             best = rank;
             step.pane = static_cast<int>(pane);
         }
     }
-    step.kind = StepKind::kFrame;
-    std::deque<SceneJob>* const jobs = !client.urgent.empty() ? &client.urgent : best ? nullptr : &client.patient;
-    if (jobs != nullptr) {
-        step.kind = StepKind::kSceneJob;
-        step.urgent = !client.urgent.empty();
-        step.scene_job = std::move(jobs->front());
-        jobs->pop_front();
+    step.kind = !client.urgent.empty() ? StepKind::kUrgent : best ? StepKind::kFrame : StepKind::kPatient;
+    if (step.kind != StepKind::kFrame) {
+        std::deque<SceneJob>& jobs = step.IsPatient() ? client.patient : client.urgent;
+        step.scene_job = std::move(jobs.front());
+        jobs.pop_front();
     }
-    return step;
 }
 
+// ---- The thread
+
 void DrawingThread::Work() {
-    const reference_host::CancellationScope scope(m_Token);
     for (;;) {
-        std::optional<Step> step;
+        std::optional<Running> running;
         {
             std::unique_lock lock(m_Mutex);
+            std::optional<Step> step;
             m_Changed.wait(lock, [&] {
-                step = m_Ending ? std::nullopt : NextStep();
+                step = m_Ending ? std::nullopt : NextStep(nullptr);
                 return m_Ending || step;
             });
             if (m_Ending) {
                 break;
             }
-            m_RunningRank = step->kind == StepKind::kJob ? std::optional<Rank>() : step->rank;
-            m_RunningId = step->id;
-            m_RunningMoves = step->kind == StepKind::kFrame && step->state.moving;
-            m_Token.Reset();
+            m_Running.push_back(&running.emplace(std::move(*step)));
         }
-        m_FrameDone = false;
-        m_FrameFinal = false;
-        const Clock::time_point start = Clock::now();
-        bool completed = true;
-        try {
-            Perform(*step);
-        } catch (const TCO_CANCEL_EXCEPTION&) {
-            completed = false;
-        } catch (const std::bad_alloc&) {
-            if (step->client != nullptr) {
-                step->client->port->Failed("memory: there is not enough for this picture (make it smaller)");
-            }
-        } catch (const std::exception& error) {
-            if (step->client != nullptr) {
-                step->client->port->Failed(error.what());
-            }
+        if (running->step.IsPatient()) {
+            running->token.SetInterlude([this, &running] { LetOthersIn(*running); });
         }
-        Finish(*step, MillisecondsSince(start) / 1000.0, completed);
+        Carry(*running);
     }
     // Engines end on their thread, before the volumes that they point into.
     const std::lock_guard lock(m_Mutex);
-    m_Token.Reset();
     for (const auto& [id, client] : m_Clients) {
         client->scene.reset();
+        client->patient_scene.reset();
         client->series.reset();
     }
     m_Jobs.clear();
     m_IdleJobs.clear();
 }
 
-void DrawingThread::Finish(Step& step, double seconds, bool completed) {
+// Takes a step to its end, whatever that is.
+void DrawingThread::Carry(Running& running) {
+    const reference_host::CancellationScope scope(running.token);
+    bool completed = true;
+    const auto fail = [&](const char* why) {
+        if (m_Running.size() > 1) {
+            // Two at once may need more memory than there is: once more, after the other.
+            m_Running.front()->lets_in = completed = false;
+        } else if (running.step.client != nullptr) {
+            running.step.client->port->Failed(why);
+        }
+    };
+    try {
+        Perform(running);
+    } catch (const TCO_CANCEL_EXCEPTION&) {
+        completed = false;
+    } catch (const std::bad_alloc&) {
+        fail("memory: there is not enough for this picture (make it smaller)");
+    } catch (const std::exception& error) {
+        fail(error.what());
+    }
+    Finish(running, completed);
+}
+
+// Between the pieces of patient work: whatever goes before it, as long as it gets its share of the time.
+void DrawingThread::LetOthersIn(Running& patient) {
+    for (;;) {
+        std::optional<Running> other;
+        {
+            const std::lock_guard lock(m_Mutex);
+            const double both_s = MillisecondsSince(patient.start) / 1000.0;
+            if (!patient.lets_in || patient.token.IsCancelled() || patient.others_s > kOthersShare * both_s) {
+                return;
+            }
+            std::optional<Step> step = NextStep(&patient.step);
+            if (!step) {
+                return;
+            }
+            m_Running.push_back(&other.emplace(std::move(*step)));
+        }
+        Carry(*other);
+        patient.others_s += MillisecondsSince(other->start) / 1000.0;
+    }
+}
+
+void DrawingThread::Finish(Running& running, bool completed) {
+    std::unique_ptr<ClientScene> unused;
     const std::lock_guard lock(m_Mutex);
-    m_RunningRank.reset();
-    m_RunningId = 0;
+    m_Running.pop_back();
+    Step& step = running.step;
     if (step.client == nullptr) {
         return;
     }
+    m_Turns.Note(step.id, MillisecondsSince(running.start) / 1000.0 - running.others_s, completed);
     Client& client = *step.client;
-    client.share.used_s += seconds;
-    if (!completed) {
+    if (step.kind == StepKind::kFrame) {
+        NoteFrame(running, completed);
+    } else if (!completed && client.series == step.series) {
         // What made way for others starts again later.
-        if (step.kind == StepKind::kSceneJob && client.series == step.series) {
-            (step.urgent ? client.urgent : client.patient).push_front(std::move(step.scene_job));
-        }
-        return;
+        (step.IsPatient() ? client.patient : client.urgent).push_front(std::move(step.scene_job));
     }
-    client.share.waiting_since.reset();
-    if (step.kind == StepKind::kSceneJob) {
+    if (step.IsPatient() && client.patient.empty()) {
+        unused = std::move(client.patient_scene);
+    }
+}
+
+void DrawingThread::NoteFrame(const Running& running, bool completed) {
+    const Step& step = running.step;
+    Client& client = *step.client;
+    if (!completed) {
         return;
     }
     PaneProgress& pane = client.panes[static_cast<std::size_t>(step.pane)];
@@ -364,32 +409,45 @@ void DrawingThread::Finish(Step& step, double seconds, bool completed) {
     // A failed frame is not tried again for the same state.
     if (client.state && client.state->id == step.state.id) {
         pane.drawn_once = true;
-        pane.finished = step.state.moving || m_FrameFinal || !m_FrameDone || !step.series->IsWhole();
+        pane.finished = step.state.moving || running.frame_final || !running.frame_done || !step.series->IsWhole();
     }
 }
 
-void DrawingThread::Perform(Step& step) {
-    if (step.kind == StepKind::kJob) {
-        step.job();
-        return;
-    }
-    // Engines for the series that the client looks at now.
+// The engines that a step is done with: for the series that the client looked at when it was chosen.
+ClientScene& DrawingThread::SceneFor(const Step& step) {
     Client& client = *step.client;
-    if (client.scene == nullptr || &client.scene->Series() != step.series.get()) {
-        client.scene.reset();
-        client.pacing.clear();
-        client.final_ms.clear();
-        client.scene = std::make_unique<ClientScene>(step.series);
+    std::unique_ptr<ClientScene>& scene = step.IsPatient() ? client.patient_scene : client.scene;
+    if (scene == nullptr || &scene->Series() != step.series.get()) {
+        scene.reset();
+        if (!step.IsPatient()) {
+            client.pacing.clear();
+            client.final_ms.clear();
+        }
+        scene = std::make_unique<ClientScene>(step.series);
     }
-    if (step.kind == StepKind::kSceneJob) {
-        step.scene_job(*client.scene, step.state);
-        return;
-    }
-    DrawFrame(step);
+    return *scene;
 }
 
-void DrawingThread::DrawFrame(Step& step) {
+void DrawingThread::Perform(Running& running) {
+    Step& step = running.step;
+    switch (step.kind) {
+        case StepKind::kJob:
+            step.job();
+            break;
+        case StepKind::kUrgent:
+        case StepKind::kPatient:
+            step.scene_job(SceneFor(step), step.state);
+            break;
+        case StepKind::kFrame:
+            DrawFrame(running);
+            break;
+    }
+}
+
+void DrawingThread::DrawFrame(Running& running) {
+    const Step& step = running.step;
     Client& client = *step.client;
+    ClientScene& scene = SceneFor(step);
     const Pane& pane = step.state.panes[static_cast<std::size_t>(step.pane)];
     FramePacing& pacing = client.pacing.try_emplace({step.pane, pane.mode}, FramePacing(pane.mode)).first->second;
     bool drawn_once = false;
@@ -405,7 +463,7 @@ void DrawingThread::DrawFrame(Step& step) {
     const FrameEffort effort = final ? FinalEffort() : pacing.Effort();
 
     const Clock::time_point start = Clock::now();
-    DrawnPicture drawn = client.scene->Draw(step.state, pane, effort);
+    DrawnPicture drawn = scene.Draw(step.state, pane, effort);
     const double draw_ms = MillisecondsSince(start);
     TCO_RunnableSelf().Service();
     DrawnFrame frame;
@@ -427,12 +485,12 @@ void DrawingThread::DrawFrame(Step& step) {
         const double budget_ms = step.state.budget_ms.value_or(kDefaultBudgetMs);
         const double frame_ms = draw_ms + frame.encode_ms;
         if (const auto ratio = pacing.Adjustment(frame_ms, budget_ms); ratio && pane.mode == PaneMode::kRender) {
-            client.scene->AdjustRendering(*ratio);
+            scene.AdjustRendering(*ratio);
         }
         pacing.Note(frame_ms, budget_ms);
     }
-    m_FrameDone = true;
-    m_FrameFinal = final;
+    running.frame_done = true;
+    running.frame_final = final;
     client.port->Drawn(std::move(frame));
 }
 

@@ -17,6 +17,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace serve {
 
@@ -46,10 +47,11 @@ public:
 
 // Draws for all clients, one after the other, with all workers for each frame. Public operations may be called from any
 // thread and return at once. A frame that a newer state or another client's hurry makes useless is cancelled; what was
-// cancelled for others' sake starts again later.
+// cancelled for others' sake starts again later. Patient work is never cancelled for others: it lets their pictures in
+// where it could be cancelled.
 class DrawingThread {
 public:
-    using ClientId = int;
+    using ClientId = DrawingTurns::ClientId;
     using Job = std::function<void()>;
     using SceneJob = std::function<void(ClientScene&, const SceneState&)>;
 
@@ -68,10 +70,14 @@ public:
     void SetWaiting(ClientId client, int pane, bool waiting);
 
     // Runs once with the client's newest state, soon; never when the client leaves first. Work that takes long comes in
-    // pieces: each asks for the next. Pieces that are not `urgent` come after everybody's pictures.
+    // pieces: each asks for the next. Pieces that are not `urgent` come after everybody's pictures, let others in
+    // between, and have a scene of their own.
     void Ask(ClientId client, bool urgent, SceneJob job);
-    // Runs once before anything else that has not begun; not cancelled for anybody.
-    void Run(Job job);
+    // Begins the client's work in progress that is not urgent anew, so that it notices what it looks at when it begins.
+    void Interrupt(ClientId client);
+    // Runs once before anything else that has not begun; not cancelled for anybody. With the series that it is about it
+    // does not wait for patient work on others.
+    void Run(Job job, std::shared_ptr<OpenedSeries> about = nullptr);
     // There is more to see of a series.
     void Refresh(const std::shared_ptr<OpenedSeries>& series);
     // From a job: ends the engines that draw a series.
@@ -95,9 +101,10 @@ private:
         std::array<PaneProgress, kMostPanes> panes;
         std::deque<SceneJob> urgent;
         std::deque<SceneJob> patient;
-        Share share;
-        // Used by the drawing thread alone; made for `series`.
+        // Used by the drawing thread alone; made for `series`. What is patient has engines of its own, since pictures
+        // are drawn while it is half done.
         std::unique_ptr<ClientScene> scene;
+        std::unique_ptr<ClientScene> patient_scene;
         std::map<std::pair<int, PaneMode>, FramePacing> pacing;
         std::map<PaneMode, double> final_ms;
 
@@ -109,44 +116,68 @@ private:
             }
         }
     };
-    enum class StepKind { kJob, kSceneJob, kFrame };
+    struct SeriesJob {
+        Job job;
+        std::shared_ptr<OpenedSeries> about;
+    };
+    enum class StepKind { kJob, kUrgent, kPatient, kFrame };
     struct Step {
         StepKind kind = StepKind::kJob;
         Rank rank = Rank::kNow;
-        std::shared_ptr<Client> client;
+        std::shared_ptr<Client> client;  // null for jobs
         ClientId id = 0;
         int pane = 0;
         SceneState state;
         Job job;
         SceneJob scene_job;
-        bool urgent = false;
         std::shared_ptr<OpenedSeries> series;
+
+        bool IsPatient() const { return kind == StepKind::kPatient; }
+    };
+    // A step in progress.
+    struct Running {
+        explicit Running(Step&& taken) : step(std::move(taken)) {}
+
+        Step step;
+        reference_host::CancellationToken token;
+        const Clock::time_point start = Clock::now();
+        double others_s = 0.0;    // that others had meanwhile
+        bool lets_in = true;      // others, as far as it does at all
+        bool frame_done = false;  // a frame was drawn to its end
+        bool frame_final = false;
     };
 
     void Work();
-    std::optional<Step> NextStep();
-    std::optional<Rank> RankOf(const Client& client, Clock::time_point now) const;
-    std::optional<Rank> RankOfPane(const Client& client, std::size_t pane) const;
-    void Perform(Step& step);
-    void DrawFrame(Step& step);
-    void Finish(Step& step, double seconds, bool completed);
-    void CancelStepIf(bool useless);
-    void GiveWay(const Client& hurried);
+    void Perform(Running& running);
+    void Carry(Running& running);
+    void LetOthersIn(Running& patient);
+    void DrawFrame(Running& running);
+    void Finish(Running& running, bool completed);
+    ClientScene& SceneFor(const Step& step);
+
+    // With the mutex held:
+    std::optional<Step> NextStep(const Step* interrupted);
+    std::optional<Job> NextJob(const Step* interrupted);
+    void ChooseWork(Step& step);
+    static void NoteFrame(const Running& running, bool completed);
+    static std::optional<Rank> WantOf(const Client& client);
+    static std::optional<Rank> WantOfPane(const Client& client, std::size_t pane);
+    template <class Condition>
+    void CancelRunning(Condition is_useless);
+    void GiveWay(ClientId hurried, const Client& client);
+    // Changes a client that has not left, and lets the thread know.
+    template <class Change>
+    void ChangeClient(ClientId id, Change change);
 
     std::mutex m_Mutex;  // guards everything below but what is said to be the thread's own
     std::condition_variable m_Changed;
     std::map<ClientId, std::shared_ptr<Client>> m_Clients;
-    std::deque<Job> m_Jobs;
+    DrawingTurns m_Turns;
+    std::deque<SeriesJob> m_Jobs;
     std::deque<Job> m_IdleJobs;
-    double m_Turn = 0.0;  // the share of whoever had the last turn
+    std::vector<Running*> m_Running;  // patient work, and what it has let in
     ClientId m_LastId = 0;
     bool m_Ending = false;
-    std::optional<Rank> m_RunningRank;
-    ClientId m_RunningId = 0;
-    bool m_RunningMoves = false;
-    bool m_FrameDone = false;  // the thread's own: the frame of the step in progress was drawn to its end
-    bool m_FrameFinal = false;
-    reference_host::CancellationToken m_Token;
     std::thread m_Thread;
 };
 

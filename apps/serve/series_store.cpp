@@ -77,7 +77,9 @@ public:
         if (series == nullptr && m_Growing != nullptr) {
             m_Store.m_Drawing.Replace(m_Growing, nullptr);
         }
-        m_Store.Tell(m_Id, [&store = m_Store, id = m_Id, series, why](Entry&) { store.Loaded(id, series, why); });
+        if (series == nullptr || m_Growing == nullptr) {
+            TellResult(series, why);
+        }
     }
 
 private:
@@ -144,32 +146,42 @@ private:
             return;
         }
         m_LastTaken = now;
-        m_Store.m_Drawing.Run([&drawing = m_Store.m_Drawing, growing = m_Growing, taken = std::move(m_Waiting)] {
-            growing->Growing()->Take(taken);
-            drawing.Refresh(growing);
-        });
+        m_Store.m_Drawing.Run(
+            [&drawing = m_Store.m_Drawing, growing = m_Growing, taken = std::move(m_Waiting)] {
+                growing->Growing()->Take(taken);
+                drawing.Refresh(growing);
+            },
+            m_Growing);
         m_Waiting.clear();
     }
 
-    // On the drawing thread, between pictures: who looked at the growing series looks at the whole one.
+    void TellResult(const std::shared_ptr<OpenedSeries>& series, const std::string& why) {
+        m_Store.Tell(m_Id, [&store = m_Store, id = m_Id, series, why](Entry&) { store.Loaded(id, series, why); });
+    }
+
+    // On the drawing thread, between pictures: who looked at the growing series looks at the whole one, and is told so
+    // before its pictures come.
     std::shared_ptr<OpenedSeries> Finish(scene::ImportedVolume&& volume, std::optional<SeriesLabels>&& labels) {
         using Whole = std::shared_ptr<OpenedSeries>;
         const auto promise = std::make_shared<std::promise<Whole>>();
         std::future<Whole> whole = promise->get_future();
         const auto parts = std::make_shared<std::pair<scene::ImportedVolume, std::optional<SeriesLabels>>>(
             std::move(volume), std::move(labels));
-        m_Store.m_Drawing.Run([&drawing = m_Store.m_Drawing, growing = m_Growing, promise, parts, id = m_Id] {
-            drawing.Release(growing);
-            try {
-                auto series = std::make_shared<OpenedSeries>(id, growing->Growing()->Finish(std::move(parts->first)),
-                                                             std::move(parts->second));
-                drawing.Replace(growing, series);
-                promise->set_value(std::move(series));
-            } catch (...) {
-                drawing.Replace(growing, nullptr);
-                promise->set_exception(std::current_exception());
-            }
-        });
+        m_Store.m_Drawing.Run(
+            [this, &drawing = m_Store.m_Drawing, growing = m_Growing, promise, parts] {
+                drawing.Release(growing);
+                try {
+                    auto series = std::make_shared<OpenedSeries>(
+                        m_Id, growing->Growing()->Finish(std::move(parts->first)), std::move(parts->second));
+                    drawing.Replace(growing, series);
+                    TellResult(series, "");
+                    promise->set_value(std::move(series));
+                } catch (...) {
+                    drawing.Replace(growing, nullptr);
+                    promise->set_exception(std::current_exception());
+                }
+            },
+            m_Growing);
         return whole.get();
     }
 

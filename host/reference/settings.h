@@ -9,6 +9,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 
 namespace reference_host {
 
@@ -29,10 +30,20 @@ public:
     void CancelAtPoint(long long k) { m_Countdown.store(k, std::memory_order_relaxed); }
     // Cancellation points passed since construction.
     long long PointsPassed() const { return m_Passed.load(std::memory_order_relaxed); }
+    // Each cancellation point between compound tasks calls this first, on the thread that the token is bound to: what
+    // is more urgent than the work can be done there, with all servers. What it throws the cancellation point throws.
+    // Set before the work begins.
+    void SetInterlude(std::function<void()> interlude) { m_Interlude = std::move(interlude); }
+    void RunInterlude() const {
+        if (m_Interlude) {
+            m_Interlude();
+        }
+    }
     // Called by each cancellation point; true when it must throw.
     bool Poll();
 
 private:
+    std::function<void()> m_Interlude;
     std::atomic<bool> m_Cancelled{false};
     std::atomic<long long> m_Countdown{0};
     std::atomic<long long> m_Passed{0};

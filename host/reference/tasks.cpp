@@ -37,8 +37,15 @@ int TCO_RunnableSelf::EndRange(int last, int first) const {
 }
 
 void TCO_RunnableSelf::Service() const {
-    CancellationToken* const token = reference_host::running_subtask().token;
-    if (token != nullptr && token->Poll()) {
+    const RunningSubtask& running = reference_host::running_subtask();
+    CancellationToken* const token = running.token;
+    if (token == nullptr) {
+        return;
+    }
+    if (!running.in_compound_task) {
+        token->RunInterlude();
+    }
+    if (token->Poll()) {
         throw TCO_CANCEL_EXCEPTION();
     }
 }

@@ -9,10 +9,13 @@
 #include <boost/beast/http.hpp>
 #include <boost/beast/websocket.hpp>
 
+#include <gtest/gtest.h>
+#include <turbojpeg.h>
 #include <unistd.h>
 #include <chrono>
 #include <cmath>
 #include <cstring>
+#include <fstream>
 #include <numbers>
 #include <stdexcept>
 
@@ -25,23 +28,34 @@ namespace beast = boost::beast;
 namespace http = boost::beast::http;
 using asio::ip::tcp;
 
-std::string WritePhantom() {
-    const scene::Phantom phantom = scene::MakePhantom({scene::PhantomKind::kHead, {72, 72, 60}, 1});
-    const std::string path =
-        (std::filesystem::temp_directory_path() / ("serve_test_" + std::to_string(::getpid()) + ".mha")).string();
-    scene::WriteVolume(path, {phantom.size, phantom.spacing_mm, phantom.origin_mm}, phantom.voxels.data());
-    return path;
-}
-
 tcp::endpoint EndpointOf(const Server& server) {
     return {asio::ip::make_address("127.0.0.1"), server.Port()};
 }
 
 }  // namespace
 
-Server::Server(serve::ViewerOptions options) : m_Volume(WritePhantom()) {
-    options.inputs = {m_Volume};
+PhantomFile::PhantomFile() {
+    const scene::Phantom phantom = scene::MakePhantom({scene::PhantomKind::kHead, {72, 72, 60}, 1});
+    const std::string stem =
+        (std::filesystem::temp_directory_path() / ("serve_test_" + std::to_string(::getpid()))).string();
+    const scene::VolumeLayout layout = {phantom.size, phantom.spacing_mm, phantom.origin_mm};
+    path = stem + ".mha";
+    labels = stem + "_labels.mha";
+    scene::WriteVolume(path, layout, phantom.voxels.data());
+    scene::WriteVolume(labels, layout, phantom.labels.data());
+}
+
+PhantomFile::~PhantomFile() {
+    std::filesystem::remove(path);
+    std::filesystem::remove(labels);
+}
+
+Server::Server(serve::ViewerOptions options, bool with_labels) {
+    options.inputs = {m_File.path};
     options.catalogue.draw_thumbnails = false;
+    if (with_labels) {
+        options.loading.labels = {m_File.labels};
+    }
     m_Server = std::make_unique<serve::HttpServer>(serve::ListenOptions{"127.0.0.1", 0}, std::move(options));
     m_Thread = std::thread([this] { m_Server->Run(false); });
 }
@@ -49,8 +63,6 @@ Server::Server(serve::ViewerOptions options) : m_Volume(WritePhantom()) {
 Server::~Server() {
     m_Server->Stop();
     m_Thread.join();
-    m_Server.reset();
-    std::filesystem::remove(m_Volume);
 }
 
 std::string Server::Token() const {
@@ -81,6 +93,29 @@ Reply Get(const Server& server, const std::string& target) {
     return Get(server, target, {{"Host", server.Host()}, {"Cookie", server.Cookie()}});
 }
 
+Received Unpacked(const std::string& message) {
+    std::uint32_t length = 0;
+    std::memcpy(&length, message.data(), 4);
+    return {Json::parse(message.substr(4, length)), message.substr(4 + length)};
+}
+
+scene::Picture Decoded(const std::string& file) {
+    if (file.substr(1, 3) == "PNG") {
+        const std::string path = testing::TempDir() + "/served.png";
+        std::ofstream(path, std::ios::binary) << file;
+        return scene::ReadPng(path);
+    }
+    const auto* const bytes = reinterpret_cast<const unsigned char*>(file.data());
+    const std::unique_ptr<void, int (*)(tjhandle)> decoder(tjInitDecompress(), tjDestroy);
+    int width = 0, height = 0, sampling = 0, colours = 0;
+    EXPECT_EQ(tjDecompressHeader3(decoder.get(), bytes, file.size(), &width, &height, &sampling, &colours), 0);
+    scene::Picture picture(width, height);
+    EXPECT_EQ(tjDecompress2(decoder.get(), bytes, file.size(), reinterpret_cast<unsigned char*>(picture.pixels.data()),
+                            width, 0, height, TJPF_BGRA, 0),
+              0);
+    return picture;
+}
+
 class Page::Socket {
 public:
     Socket(const Server& server, const std::string& cookie, const std::string& origin, const std::string& host)
@@ -107,16 +142,8 @@ public:
         if (failure) {
             throw std::runtime_error(failure.message());
         }
-        Received received;
         const std::string message = beast::buffers_to_string(buffer.data());
-        if (stream.got_text()) {
-            received.json = Json::parse(message);
-        } else {
-            std::uint32_t length = 0;
-            std::memcpy(&length, message.data(), 4);
-            received.json = Json::parse(message.substr(4, length));
-            received.image = message.substr(4 + length);
-        }
+        Received received = stream.got_text() ? Received{Json::parse(message), ""} : Unpacked(message);
         Listen();
         return received;
     }

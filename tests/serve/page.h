@@ -19,10 +19,22 @@ namespace serve_test {
 
 using Json = nlohmann::json;
 
-// Serves a small phantom of a head on any free port until it is destroyed.
+// A small phantom of a head as a file, with its labels in another; gone with this.
+struct PhantomFile {
+    PhantomFile();
+    ~PhantomFile();
+    PhantomFile(const PhantomFile&) = delete;
+    PhantomFile& operator=(const PhantomFile&) = delete;
+
+    std::string path;
+    std::string labels;
+};
+
+// Serves the phantom on any free port until it is destroyed.
 class Server {
 public:
-    explicit Server(serve::ViewerOptions options = {});
+    // The labels are left out unless asked for.
+    explicit Server(serve::ViewerOptions options = {}, bool with_labels = false);
     ~Server();
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
@@ -31,10 +43,10 @@ public:
     std::string Token() const;
     std::string Host() const { return "127.0.0.1:" + std::to_string(Port()); }
     std::string Cookie() const { return "volr_" + std::to_string(Port()) + "=" + Token(); }
-    const std::string& VolumePath() const { return m_Volume; }
+    const std::string& VolumePath() const { return m_File.path; }
 
 private:
-    std::string m_Volume;
+    PhantomFile m_File;
     std::unique_ptr<serve::HttpServer> m_Server;
     std::thread m_Thread;
 };
@@ -59,6 +71,11 @@ struct Received {
 
     bool IsPicture() const { return !image.empty(); }
 };
+
+// A binary message taken apart.
+Received Unpacked(const std::string& message);
+// The pixels of a PNG or JPEG file.
+scene::Picture Decoded(const std::string& file);
 
 // A page by hand: nothing is shown or acknowledged unless the test says so.
 class Page {

@@ -7,18 +7,13 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
+#include <algorithm>
+#include <cstdlib>
+#include <set>
 
 namespace {
 
 using namespace serve_test;
-
-// A picture file's pixels.
-scene::Picture Decoded(const std::string& png) {
-    const std::string path = testing::TempDir() + "/served.png";
-    std::ofstream(path, std::ios::binary) << png;
-    return scene::ReadPng(path);
-}
 
 // What the tool draws of the served file from the front.
 scene::Picture DrawnByHand(const Server& server, const std::string& mode, int size) {
@@ -208,6 +203,144 @@ TEST(Server, AnswersPicksExportsAndNonsense) {
     EXPECT_FALSE(page.Await("error").json.contains("fatal"));
     EXPECT_TRUE(page.Await("error").json["fatal"]);
     EXPECT_THROW(page.Await("hello"), std::exception);
+}
+
+// Movies that are being made, in the folder for temporary files.
+std::ptrdiff_t NumMovies(const std::filesystem::path& folder) {
+    const std::filesystem::directory_iterator all(folder);
+    return std::count_if(begin(all), end(all), [](const auto& entry) {
+        return entry.path().filename().string().find("movie") != std::string::npos;
+    });
+}
+
+// A number of 32 bits in an MP4 file, so many bytes behind the name of a box.
+std::uint32_t Field(const std::string& movie, const std::string& box, std::size_t offset) {
+    const std::size_t at = movie.find(box);
+    std::uint32_t number = 0;
+    for (std::size_t i = 0; at != std::string::npos && i < 4; ++i) {
+        number = number << 8 | static_cast<unsigned char>(movie.at(at + box.size() + offset + i));
+    }
+    return number;
+}
+
+TEST(Server, MakesMoviesAndLeavesNothingOfThoseThatNobodyWants) {
+    const std::filesystem::path folder = testing::TempDir() + "/movies_of_test";
+    std::filesystem::create_directories(folder);
+    ::setenv("TMPDIR", folder.c_str(), 1);
+    const auto await_no_movie = [&] {
+        for (int i = 0; i < 3000 && NumMovies(folder) > 0; ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        EXPECT_EQ(NumMovies(folder), 0);
+    };
+    {
+        const Server server;
+        Page page(server);
+        page.Open();
+        page.FinalPicture(Scene(1, "mip"));
+        Json movie = {{"type", "export"}, {"request", 1}, {"kind", "movie"},      {"pane", 0},       {"width", 80},
+                      {"height", 64},     {"frames", 13}, {"framesPerSecond", 5}, {"annotate", true}};
+        page.Send(movie);
+        std::optional<Received> answer;
+        for (double fraction = 0.0; (answer = page.Receive()) && answer->json["type"] == "progress";) {
+            EXPECT_GE(answer->json["fraction"], fraction);
+            fraction = answer->json["fraction"];
+        }
+        ASSERT_TRUE(answer);
+        if (answer->json["type"] == "error") {
+            EXPECT_NE(answer->json["text"].get<std::string>().find("without movies"), std::string::npos);
+            GTEST_SKIP() << "built without movies";
+        }
+        const std::string file = Get(server, answer->json["url"]).body;
+        EXPECT_EQ(file.substr(4, 4), "ftyp");
+        EXPECT_EQ(Field(file, "stsz", 8), 13U);  // frames
+        const std::uint32_t duration = Field(file, "mvhd", 16), units_per_second = Field(file, "mvhd", 12);
+        EXPECT_NEAR(static_cast<double>(duration) / units_per_second, 13 / 5.0, 0.05);
+        await_no_movie();
+
+        // Too many frames, or too many movies: one line each.
+        movie["request"] = 2;
+        movie["frames"] = 721;
+        page.Send(movie);
+        const Json refusal = page.Await("error").json;
+        EXPECT_EQ(refusal["request"], 2);
+        EXPECT_EQ(refusal["text"].get<std::string>().find("frames: "), 0U) << refusal["text"];
+        movie["frames"] = 720;
+        for (int request = 3; request < 8; ++request) {
+            movie["request"] = request;
+            page.Send(movie);
+        }
+        const Json busy = page.Await("error").json;
+        EXPECT_EQ(busy["request"], 7);
+        EXPECT_EQ(busy["text"].get<std::string>().find('\n'), std::string::npos);
+
+        // All of them cancelled while the first is made.
+        while (page.Await("progress").json["fraction"] == 0.0) {
+        }
+        EXPECT_GT(NumMovies(folder), 0);
+        for (int request = 3; request < 7; ++request) {
+            page.Send({{"type", "cancel"}, {"request", request}});
+        }
+        await_no_movie();
+
+        // A page that goes.
+        Page gone(server);
+        gone.Open();
+        gone.FinalPicture(Scene(1, "render"));
+        gone.Send(movie);
+        while (gone.Await("progress").json["fraction"] == 0.0) {
+        }
+        EXPECT_GT(NumMovies(folder), 0);
+    }
+    EXPECT_EQ(NumMovies(folder), 0);
+    ::unsetenv("TMPDIR");
+    std::filesystem::remove_all(folder);
+}
+
+TEST(Server, TissuesAreListedAndLookAsTheyAreSet) {
+    const Server server({}, true);
+    Page page(server);
+    const Json volume = page.Open();
+    ASSERT_EQ(volume["tissues"].size(), 6U);
+    for (int i = 0; i < 6; ++i) {
+        EXPECT_EQ(volume["tissues"][static_cast<std::size_t>(i)]["label"], i + 1);
+    }
+    int id = 0;
+    const auto picture = [&](const std::string& mode, const std::vector<Json>& tissues) {
+        Json scene = Scene(++id, mode);
+        scene["preset"] = "ct-bone";
+        scene["tissues"] = tissues;
+        return Decoded(page.FinalPicture(scene).image).pixels;
+    };
+    const Json bone = {{"label", 2}, {"colour", "#20C040"}, {"opacity", 1.0}};
+    Json faint = bone, hidden = bone;
+    faint["opacity"] = 0.2;
+    hidden["visible"] = false;
+
+    // Every setting of one label has its own picture; a label that no voxel bears has none.
+    const auto plain = picture("render", {});
+    const std::set<std::vector<std::uint32_t>> looks = {plain, picture("render", {bone}), picture("render", {faint}),
+                                                        picture("render", {hidden})};
+    EXPECT_EQ(looks.size(), 4U);
+    EXPECT_EQ(picture("render", {{{"label", 77}, {"visible", false}}}), plain);
+    EXPECT_EQ(picture("render", {}), plain);
+    // Green bone: no pixel is as red as it is green.
+    std::size_t green = 0;
+    for (const std::uint32_t p : picture("render", {bone})) {
+        green += (p >> 8 & 255) > (p >> 16 & 255) + 40 ? 1 : 0;
+    }
+    EXPECT_GT(green, 100U);
+    // A projection knows only whether a tissue is there.
+    const auto projected = picture("mip", {});
+    EXPECT_EQ(picture("mip", {bone}), projected);
+    EXPECT_NE(picture("mip", {hidden}), projected);
+
+    for (const Json& wrong : {Json(-1), Json(65536), Json(1.5), Json("2")}) {
+        Json scene = Scene(++id, "render");
+        scene["tissues"] = {{{"label", wrong}}};
+        page.Send(scene);
+        EXPECT_NE(page.Await("error").json["text"].get<std::string>().find("label"), std::string::npos) << wrong;
+    }
 }
 
 }  // namespace
