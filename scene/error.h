@@ -1,4 +1,7 @@
 // What went wrong, in the words of one line for the user.
+//
+// Memory that the pager or an engine is refused is such a failure; what the standard library is refused leaves this
+// folder as std::bad_alloc. Objects stay as they were, and the call may be made again, unless they say otherwise.
 #pragma once
 
 #include <stdexcept>

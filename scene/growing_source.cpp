@@ -43,6 +43,8 @@ public:
 private:
     // A slice of this volume with the block of another one, whose values change by the offset.
     std::unique_ptr<IP_ShortSlice> Adopted(IP_ShortSlice& from, const std::string& id, int offset) const {
+        auto slice = std::make_unique<IP_ShortSlice>(nullptr, SliceAttributes(), 0);
+        slice->SetID(id.c_str());
         if (offset != 0) {
             if (from.MapMemory() != 0) {
                 throw Error(ErrorKind::kFailed, "volume", "a slice cannot be brought back to memory",
@@ -51,8 +53,6 @@ private:
             AddTo(from.GetMappedSlice(), SliceVoxels(), offset);
             from.UnmapMemory();
         }
-        auto slice = std::make_unique<IP_ShortSlice>(nullptr, SliceAttributes(), 0);
-        slice->SetID(id.c_str());
         slice->SwapPixelDataWithSlice(from);
         return slice;
     }
@@ -62,11 +62,7 @@ GrowingSource::GrowingSource(const ImportedVolume& layout)
     : VolumeSource(WithoutVoxels(layout), WithoutSlices()), m_Voxels(layout.voxels), m_Series(UniqueSeriesName()) {
     // One block stands for all slices.
     const std::vector<std::int16_t> backdrop(SliceVoxels(), static_cast<std::int16_t>(m_Info.min_value));
-    m_Backdrop = std::shared_ptr<MEM_PagerInfo>(BlockOf(backdrop.data(), backdrop.size(), 0).release(),
-                                                [](MEM_PagerInfo* block) {
-                                                    MEM_MemPager::GetHandleForMP()->Free(*block);
-                                                    delete block;
-                                                });
+    m_Backdrop = BlockOf(backdrop.data(), backdrop.size(), 0);
     m_IsMissing.assign(static_cast<std::size_t>(m_Info.dims[2]), 1);
     for (int iz = 0; iz < m_Info.dims[2]; ++iz) {
         auto slice = std::make_unique<IP_ShortSlice>(m_Backdrop.get(), SliceAttributes(), 0);
@@ -84,20 +80,21 @@ void GrowingSource::Take(const std::vector<int>& slices) {
             wanted.push_back(iz);
         }
     }
+    m_Arrived.reserve(m_Arrived.size() + wanted.size());
     const auto take = [&](int i) {
         const int iz = wanted[static_cast<std::size_t>(i)];
         std::int16_t* const from = m_Voxels.data() + SliceVoxels() * static_cast<std::size_t>(iz);
-        std::unique_ptr<MEM_PagerInfo> block = BlockOf(from, SliceVoxels(), m_StoredOffset);
+        OwnedBlock block = BlockOf(from, SliceVoxels(), m_StoredOffset);
         IP_Slice* const slice = Volume()->GetSlice(iz);
-        slice->SetData(block.release(), true);
         slice->SetID((m_Series + std::to_string(iz)).c_str());
+        slice->SetData(block.release(), true);  // from here on nothing can fail
         m_IsMissing[static_cast<std::size_t>(iz)] = 0;
         if (!m_Info.do_announced_slices_change) {
             GiveBack(from, SliceVoxels() * 2);
         }
     };
 
-    // What has come counts, also when the pager refuses the rest.
+    // What has come counts, also when memory for the rest is refused.
     const auto note = [&] {
         std::copy_if(wanted.begin(), wanted.end(), std::back_inserter(m_Arrived),
                      [this](int iz) { return HasSlice(iz); });

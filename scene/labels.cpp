@@ -212,6 +212,8 @@ void LabelVolume::Add(const ImportedVolume& map, bool resample, const std::strin
         }
     }
 
+    m_Present.reserve(m_Present.size() + static_cast<std::size_t>(std::count(occurring.begin(), occurring.end(), 1)));
+
     // Lay it over the volume; a first map that covers the volume voxel by voxel is taken as it is, and copied before
     // the next one is laid over it.
     constexpr WholeAffine kIdentity = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0};

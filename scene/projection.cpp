@@ -96,8 +96,10 @@ void Projection::TakeArrivals() {
 }
 
 void Projection::SetClipping(const std::vector<ClipPlane>& planes) {
-    m_Planes = planes;
-    PassPlanes();
+    std::vector<ClipPlane> copies = planes;
+    m_Clip = MakeClip(copies, m_Slab, m_Camera);
+    m_Params.m_ClipManager = m_Clip.get();
+    m_Planes.swap(copies);
 }
 
 void Projection::SetMask(std::shared_ptr<IP_RealListVol> mask) {
@@ -106,8 +108,9 @@ void Projection::SetMask(std::shared_ptr<IP_RealListVol> mask) {
             mask != nullptr ? std::make_unique<MaskedVolume>(m_Source, *mask, m_Source.Info().min_value) : nullptr;
         const auto volume = std::make_shared<IP_VolData>(masked != nullptr ? *masked->Volume() : *m_Source.Volume());
         *volume->GetBox() = ProjectionBox(m_Source.Info());
-        m_Params.m_VolData->ResetNvoldatas();
-        m_Params.m_VolData->AddVolData(volume);
+        const auto volumes = std::make_shared<IP_MultiVolData>();
+        volumes->AddVolData(volume);
+        m_Params.m_VolData = volumes;
         m_Volume = volume;
         m_Masked = std::move(masked);
     }
@@ -143,8 +146,9 @@ void Projection::PassMask() {
 }
 
 void Projection::SetSlab(const std::optional<Slab>& slab) {
+    m_Clip = MakeClip(m_Planes, slab, m_Camera);
+    m_Params.m_ClipManager = m_Clip.get();
     m_Slab = slab;
-    PassPlanes();
 }
 
 void Projection::SetDepthCue(const std::optional<double>& floor) {
@@ -153,6 +157,8 @@ void Projection::SetDepthCue(const std::optional<double>& floor) {
 }
 
 void Projection::SetView(const Camera& camera, const View& view) {
+    m_Clip = MakeClip(m_Planes, m_Slab, camera);
+    m_Params.m_ClipManager = m_Clip.get();
     m_Camera = camera;
     const std::array<Vec3, 3> screen = {camera.right, camera.down, camera.into};
     for (std::size_t i = 0; i < 4; ++i) {
@@ -169,18 +175,21 @@ void Projection::SetView(const Camera& camera, const View& view) {
     m_Params.m_Width = view.width;
     m_Params.m_Height = view.height;
     m_Projector.Reset(&m_Params, 1);
-    PassPlanes();
 }
 
-void Projection::PassPlanes() {
-    std::vector<ClipPlane> planes = m_Planes;
-    if (m_Slab) {
-        const std::vector<ClipPlane> slab = PlanesOf(*m_Slab, m_Camera);
-        planes.insert(planes.end(), slab.begin(), slab.end());
+// Planes and slab as the engine takes them; null when there are none.
+std::unique_ptr<IP_VolRClipManager> Projection::MakeClip(std::vector<ClipPlane> planes, const std::optional<Slab>& slab,
+                                                         const Camera& camera) {
+    if (slab) {
+        const std::vector<ClipPlane> faces = PlanesOf(*slab, camera);
+        planes.insert(planes.end(), faces.begin(), faces.end());
+    }
+    if (planes.empty()) {
+        return nullptr;
     }
     // Patient planes in the projection's frame: normals by components along the voxel axes, distances from voxel (0, 0,
     // 0).
-    m_Clip.FreeAllClipPlane(CLIP_ALL);
+    auto clip = std::make_unique<IP_VolRClipManager>();
     const ImportedVolume& info = m_Source.Info();
     const Vec3 first_voxel = m_Source.PatientPosition({0.0, 0.0, 0.0});
     float to_physical[4][4];
@@ -196,9 +205,9 @@ void Projection::PassPlanes() {
         // The engine keeps what is not positive.
         const float negated[4] = {static_cast<float>(-equation[0]), static_cast<float>(-equation[1]),
                                   static_cast<float>(-equation[2]), static_cast<float>(-equation[3])};
-        m_Clip.SetClipPlane(id++, negated);
+        clip->SetClipPlane(id++, negated);
     }
-    m_Params.m_ClipManager = planes.empty() ? nullptr : &m_Clip;
+    return clip;
 }
 
 ProjectedPicture Projection::Draw() {

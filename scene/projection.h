@@ -39,7 +39,8 @@ struct Slab {
 // The two faces of a slab as planes that keep it.
 std::vector<ClipPlane> PlanesOf(const Slab& slab, const Camera& camera);
 
-// Draws one source. Not for several threads at once. The source must outlive it.
+// Draws one source. Not for several threads at once. The source must outlive it. Everything may throw std::bad_alloc;
+// settings then stay as they were, and a frame or pick may be asked for again.
 class Projection {
 public:
     // Linear draws the source's slices with bilinear resampling; else prepared slices of half the width and height are
@@ -71,7 +72,8 @@ public:
     std::optional<IP_MIPRay> Ray(double pixel_x, double pixel_y);
 
 private:
-    void PassPlanes();
+    std::unique_ptr<IP_VolRClipManager> MakeClip(std::vector<ClipPlane> planes, const std::optional<Slab>& slab,
+                                                 const Camera& camera);
     void PassMask();
     void TakeArrivals();
 
@@ -86,7 +88,7 @@ private:
     IP_VolRParamsMIP m_Params;
     IP_VolRBoxParamsMIP m_BoxA;
     IP_VolRBoxParamsMIP m_BoxB;
-    IP_VolRClipManager m_Clip;
+    std::unique_ptr<IP_VolRClipManager> m_Clip;
     IP_MIPProjector m_Projector;
     Camera m_Camera;
     std::vector<ClipPlane> m_Planes;

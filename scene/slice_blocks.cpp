@@ -1,6 +1,5 @@
 #include "scene/slice_blocks.h"
 
-#include "host/memory_pager.h"
 #include "scene/error.h"
 
 #include <sys/mman.h>
@@ -51,12 +50,21 @@ void AddTo(std::int16_t* values, std::size_t count, int offset) {
     }
 }
 
-std::unique_ptr<MEM_PagerInfo> BlockOf(const std::int16_t* values, std::size_t count, int offset) {
-    auto block = std::make_unique<MEM_PagerInfo>();
-    if (MEM_MemPager::GetHandleForMP()->Allocate64(count * 2, block.get(), 0) == -1) {
-        throw Error(ErrorKind::kFailed, "volume", "no memory for its slices",
-                    "raise --memory-budget or free disk space");
+void FreeBlock::operator()(MEM_PagerInfo* block) const {
+    MEM_MemPager::GetHandleForMP()->Free(*block);
+    delete block;
+}
+
+OwnedBlock NewBlock(unsigned long long bytes, const char* subject, const char* why) {
+    OwnedBlock block(new MEM_PagerInfo);
+    if (MEM_MemPager::GetHandleForMP()->Allocate64(bytes, block.get(), 0) == -1) {
+        throw Error(ErrorKind::kFailed, subject, why, "raise --memory-budget or free disk space");
     }
+    return block;
+}
+
+OwnedBlock BlockOf(const std::int16_t* values, std::size_t count, int offset) {
+    OwnedBlock block = NewBlock(count * 2, "volume", "no memory for its slices");
     // A new block comes mapped; the copy ends that mapping.
     auto* const to = static_cast<std::int16_t*>(block->Ptr());
     std::memcpy(to, values, count * 2);
@@ -65,12 +73,10 @@ std::unique_ptr<MEM_PagerInfo> BlockOf(const std::int16_t* values, std::size_t c
     return block;
 }
 
-std::unique_ptr<IP_ShortSlice> SliceOf(std::unique_ptr<MEM_PagerInfo> block, const PixelDataAttributes& attributes,
-                                       const std::string& id) {
-    auto slice = std::make_unique<IP_ShortSlice>(block.get(), attributes, 0);
-    slice->SetOwnsData(true);
-    static_cast<void>(block.release());  // owned now
+std::unique_ptr<IP_ShortSlice> SliceOf(OwnedBlock block, const PixelDataAttributes& attributes, const std::string& id) {
+    auto slice = std::make_unique<IP_ShortSlice>(nullptr, attributes, 0);
     slice->SetID(id.c_str());
+    slice->SetData(block.release(), true);
     return slice;
 }
 

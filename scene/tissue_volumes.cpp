@@ -1,6 +1,7 @@
 // Tissues as the engines take them: index slices and masks.
 #include "scene/error.h"
 #include "scene/parallel.h"
+#include "scene/slice_blocks.h"
 #include "scene/tissues.h"
 #include "scene/volume_source.h"
 
@@ -15,14 +16,9 @@ namespace {
 // A slice over a new block of the pager, which it owns. The block is mapped; whoever filled it ends that.
 template <class Slice>
 std::unique_ptr<Slice> NewSlice(const PixelDataAttributes& attributes, unsigned long long bytes) {
-    auto info = std::make_unique<MEM_PagerInfo>();
-    if (MEM_MemPager::GetHandleForMP()->Allocate64(bytes, info.get(), 0) == -1) {
-        throw Error(ErrorKind::kFailed, "labels", "no memory for the tissues",
-                    "raise --memory-budget or free disk space");
-    }
-    auto slice = std::make_unique<Slice>(info.get(), attributes, 0);
-    slice->SetOwnsData(true);
-    static_cast<void>(info.release());  // the slice owns it
+    OwnedBlock block = NewBlock(bytes, "labels", "no memory for the tissues");
+    auto slice = std::make_unique<Slice>(nullptr, attributes, 0);
+    slice->SetData(block.release(), true);
     return slice;
 }
 

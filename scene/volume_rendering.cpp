@@ -56,6 +56,13 @@ void ScreenMatrix(const Camera& camera, float m[4][4]) {
     std::memcpy(m, rows, sizeof(rows));
 }
 
+// An engine without memory for its projector takes no volume and does nothing that it is asked for.
+bool HasProjector(IP_VOLRC_VolumeRenderingRC& engine) {
+    double view[3] = {std::nan(""), 0.0, 0.0};
+    engine.GetViewVector(view);
+    return !std::isnan(view[0]);
+}
+
 int Layers(int slices) {
     return (slices + 4 + 31) / 32;
 }  // of 32 slices, two more slices at each end
@@ -70,6 +77,9 @@ std::optional<RenderQuality> QualityByName(std::string_view name) {
 
 VolumeRendering::VolumeRendering(VolumeSource& source) : m_Source(source) {
     m_Engine.SetVolumeData(source.Volumes(), source.Info().is_signed);
+    if (!HasProjector(m_Engine)) {
+        throw Error(ErrorKind::kFailed, "render", "no memory for the engine", "free memory and try again");
+    }
     m_Engine.SetMaxLayerLoaded(Layers(source.Info().dims[2]));
     m_NumSeen = source.Arrived().size();
     SetQuality(RenderQuality::kEnhanced);
@@ -82,10 +92,11 @@ void VolumeRendering::SetTransfer(const TransferFunction& function, bool lit) {
 }
 
 void VolumeRendering::SetTissues(std::shared_ptr<IP_MultiVolData> indices, const TissuePlan& plan) {
-    m_TissueTables = {};
+    // The engine goes on reading the earlier tables until it has others.
+    decltype(m_TissueTables) tables;
     const auto make_tables = [&](std::size_t index, const TissueLook& look) {
         if (look.kind != TissueLook::Kind::kAsVolume) {
-            m_TissueTables[index] = std::make_unique<TransferTables>(look.function, m_Source.Stored());
+            tables[index] = std::make_unique<TransferTables>(look.function, m_Source.Stored());
         }
     };
     if (indices != nullptr) {
@@ -97,6 +108,7 @@ void VolumeRendering::SetTissues(std::shared_ptr<IP_MultiVolData> indices, const
     // The engine lets go of the indices before they end.
     m_Engine.SetVolumeTissues(indices.get());
     m_Tissues = std::move(indices);
+    m_TissueTables.swap(tables);
     if (m_Tables != nullptr) {
         PassTables();
     }

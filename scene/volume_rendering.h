@@ -35,9 +35,11 @@ struct Light {
     double elevation_deg = 30.0;
 };
 
-// Draws one source. Not for several threads at once. The source must outlive it.
+// Draws one source. Not for several threads at once. The source must outlive it. Everything may throw std::bad_alloc;
+// settings then stay as they were, and a frame may be asked for again.
 class VolumeRendering {
 public:
+    // Throws Error when there is no memory for the engine.
     explicit VolumeRendering(VolumeSource& source);
 
     // One transfer function (not relative) for all voxels. Unlit: colours as they stand in the table.

@@ -140,12 +140,12 @@ const ValueHistogram& VolumeSource::Histogram() {
         if (!HasSlice(iz)) {
             return;
         }
+        std::vector<std::uint32_t> counts(65536);  // before the mapping, which nothing would end
         auto* const slice = static_cast<IP_ShortSlice*>(Volume()->GetSlice(iz));
         if (slice->MapMemory() != 0) {
             throw Error(ErrorKind::kFailed, "volume", "a slice cannot be brought back to memory",
                         "free memory and try again");
         }
-        std::vector<std::uint32_t> counts(65536);
         const short* const pixels = slice->GetMappedSlice();
         for (std::size_t i = 0; i < slice_voxels; ++i) {
             ++counts[static_cast<std::uint16_t>(pixels[i])];

@@ -165,6 +165,20 @@ TEST_F(OpacityBits, SurviveFaults) {
         ASSERT_TRUE(done);
         expect_bits(prepared, source, &index, tables);
     });
+
+    // Slices that a refill left half done do not pass for those of before.
+    Tables others(150);
+    sweep.run([&](FaultPoint& point) {
+        IP_MultiVolDataIncVolR prepared;
+        ASSERT_TRUE(prepared.Rebuild(&index.volumes, tables.pointers, &index.index, 1, 1, 1, 1, false));
+        bool done = false;
+        point.run(
+            [&] { done = prepared.CopyWithTissue(&index.volumes, others.pointers, &index.index, false, 1, 2, true); });
+        EXPECT_TRUE(done || point.came());
+        prepared.remove_slices();
+        ASSERT_TRUE(prepared.Rebuild(&index.volumes, tables.pointers, &index.index, 1, 1, 1, 1, false));
+        expect_bits(prepared, source, &index, tables);
+    });
 }
 
 }  // namespace
