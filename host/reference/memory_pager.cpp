@@ -73,7 +73,11 @@ int MEM_MemPager::Allocate64(unsigned long long bytes, MEM_PagerInfo* info, int 
         return -1;
     }
     *info = MEM_PagerInfo(this);
-    info->m_Record = PagerCore::Instance().Allocate(bytes);
+    try {
+        info->m_Record = PagerCore::Instance().Allocate(bytes);
+    } catch (const std::bad_alloc&) {
+        return -1;  // the first use makes the pager
+    }
     if (info->m_Record == nullptr) {
         return -1;
     }
