@@ -35,6 +35,26 @@ std::string Slurp(const std::string& path) {
     std::_Exit(127);
 }
 
+// Whether a process has a handler for the signal; false when it has ended.
+bool Catches(pid_t process, int signal_number) {
+    std::ifstream status("/proc/" + std::to_string(process) + "/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.rfind("SigCgt:", 0) == 0) {
+            return (std::stoull(line.substr(7), nullptr, 16) >> (signal_number - 1) & 1) != 0;
+        }
+    }
+    return false;
+}
+
+// Waits until the process catches the signal, or has ended.
+void WaitForHandler(pid_t process, int signal_number) {
+    siginfo_t ended{};
+    while (!Catches(process, signal_number) && ended.si_pid == 0) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        ::waitid(P_PID, static_cast<id_t>(process), &ended, WEXITED | WNOHANG | WNOWAIT);
+    }
+}
+
 }  // namespace
 
 Outcome VolrWithSignal(const std::vector<std::string>& arguments, int signal_number, int after_ms) {
@@ -46,6 +66,8 @@ Outcome VolrWithSignal(const std::vector<std::string>& arguments, int signal_num
         Become(arguments, out, err);
     }
     if (signal_number != 0) {
+        // However slowly it starts.
+        WaitForHandler(child, signal_number);
         std::this_thread::sleep_for(std::chrono::milliseconds(after_ms));
         ::kill(child, signal_number);
     }

@@ -19,7 +19,7 @@ struct Outcome {
 
 // Runs volr with these arguments.
 Outcome Volr(const std::vector<std::string>& arguments);
-// Starts it and sends the signal after a while.
+// Starts it and sends the signal a while after it has a handler for it.
 Outcome VolrWithSignal(const std::vector<std::string>& arguments, int signal_number, int after_ms);
 
 // A folder that goes away with the test.
