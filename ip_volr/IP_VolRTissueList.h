@@ -12,6 +12,9 @@ class IP_RealBitVol;
 //
 // The list owns its rotated bit volumes; list volumes and bit-volume lists belong to the host and must outlive every
 // list that points at them, copies included. No locks.
+//
+// Without memory SetNumbTissues and copies let std::bad_alloc through; the list is then empty or lacks some of the
+// copies, and may be set again.
 class IP_VOLR_EXPORT IP_VolRTissueList {
 public:
     IP_VolRTissueList() = default;

@@ -28,10 +28,11 @@ constexpr std::array<FrameEffort, 6> kRenderingRungs = {{
     {true, RenderQuality::kInteractive2, 0.375, "interactive 2, 3/8"},
 }};
 
-constexpr double kTooSlow = 1.1;     // times the budget
-constexpr double kWellBelow = 0.75;  // the same
-constexpr int kFramesTooSlow = 3;    // before a coarser effort: the first frame of a new look takes longer
-constexpr int kTrial = 12;           // frames that a finer effort must last to count as good
+// Times the budget. The lower one lies below what the engine's own adjustment aims at, or both would take turns.
+constexpr double kTooSlow = 1.1;
+constexpr double kWellBelow = 0.55;
+constexpr int kFramesTooSlow = 3;  // before a coarser effort: the first frame of a new look takes longer
+constexpr int kTrial = 12;         // frames that a finer effort must last to count as good
 constexpr int kMostPatience = 240;
 constexpr int kSetback = 4;  // frames well below the time that one other undoes
 
@@ -65,7 +66,8 @@ void FramePacing::Note(double frame_ms, double budget_ms) {
 }
 
 std::optional<double> FramePacing::Adjustment(double frame_ms, double budget_ms) const {
-    constexpr double kAim = 0.85;  // of the budget: frames do not all take the same
+    // Of the budget: a move waits for half the picture before its own, and frames do not all take the same.
+    constexpr double kAim = 0.65;
     const double ratio = std::clamp(frame_ms / (kAim * budget_ms), 0.5, 4.0);
     const bool good = ratio > 0.85 && ratio <= 1.0;
     return good || (m_Rung > 0 && ratio < 1.0) ? std::nullopt : std::optional(ratio);
