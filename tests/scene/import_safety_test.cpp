@@ -95,8 +95,9 @@ TEST(ImportIsolation, ResultProgressAndCancellationCrossTheProcessBorder) {
 }
 
 TEST(ImportIsolation, WorksFromSeveralThreadsAndWithEveryNumberOfThreads) {
-#if defined(__SANITIZE_THREAD__)
-    // It loses track of the threads of a process that was forked off while others ran.
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+    // The thread sanitizer loses track of the threads of a process that was forked off while others ran; locks of the
+    // address sanitizer's heap that others held stay locked there for ever.
     const std::vector<bool> isolated = {false};
 #else
     const std::vector<bool> isolated = {true, false};
