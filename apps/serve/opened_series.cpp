@@ -37,10 +37,10 @@ OpenedSeries::OpenedSeries(std::string id, std::unique_ptr<scene::VolumeSource> 
 }
 
 OpenedSeries::OpenedSeries(std::string id, std::unique_ptr<scene::GrowingSource> source)
-    : m_Id(std::move(id)), m_Growing(source.get()) {
-    m_Source = std::move(source);
-    m_Window = WindowBeforehand(*m_Source);
-}
+    : m_Id(std::move(id)),
+      m_Growing(source.get()),
+      m_Source(std::move(source)),
+      m_Window(WindowBeforehand(*m_Source)) {}
 
 std::string OpenedSeries::DefaultPreset() const {
     const scene::ImportedVolume& info = m_Source->Info();

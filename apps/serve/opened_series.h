@@ -50,8 +50,8 @@ public:
 
 private:
     std::string m_Id;
-    std::unique_ptr<scene::VolumeSource> m_Source;
     scene::GrowingSource* m_Growing = nullptr;
+    std::unique_ptr<scene::VolumeSource> m_Source;
     bool m_IsRetired = false;
     std::shared_ptr<OpenedSeries> m_Next;
     std::optional<SeriesLabels> m_Labels;

@@ -74,7 +74,7 @@ BlockSlabs::Slab* BlockSlabs::NewSlab(std::size_t length) {
         return nullptr;
     }
     slabs.splice(slabs.end(), made);
-    return &slab;
+    return &slabs.back();
 }
 
 void BlockSlabs::Put(Slab* slab, void* block) {
