@@ -17,7 +17,7 @@ class ServersOfEachTest : public testing::EmptyTestEventListener {
 #if defined(__SANITIZE_ADDRESS__)
 // The NRRD reader that imports use leaks the parts of headers that it refuses. Outside of sanitizers it works in a
 // process of its own.
-extern "C" const char* __lsan_default_suppressions();
+extern "C" [[gnu::visibility("default")]] const char* __lsan_default_suppressions();
 extern "C" const char* __lsan_default_suppressions() {
     return "leak:libITKNrrdIO\n";
 }
