@@ -123,7 +123,6 @@ void IP_VOLRC_Projector::SetColorTable(const unsigned int** colour, const unsign
     }
     m_TableBits = std::clamp(count, 1, 16);
     m_Pending[kColorTablesChanged] = true;
-    m_TablesStale = true;
 }
 
 void IP_VOLRC_Projector::UpdateLuminosity(int protocol) {
@@ -133,6 +132,7 @@ void IP_VOLRC_Projector::UpdateLuminosity(int protocol) {
     m_BrickStructure->UpdateLuminosity(protocol, false);
     if (m_Cast != nullptr) {
         m_Cast->empty_space_stale = true;
+        m_Cast->entries_stale = true;
     }
     InvalidateOcclusions();
 }
@@ -145,7 +145,6 @@ void IP_VOLRC_Projector::UpdateShadingWeights(bool on, double weights[3]) {
     }
     if (changed) {
         // The luminosity of interactive frames is weighted with them, too.
-        m_TablesStale = true;
         m_Pending[kColorTablesChanged] = true;
     }
     if (changed || on != m_ShadingOn) {
@@ -161,7 +160,6 @@ void IP_VOLRC_Projector::SetStepSize(double step) {
     }
     if (m_StepLength == 0.0 || step != m_StepSize) {
         // The length in mm of one step along the view, with the sign of the step.
-        m_TablesStale = true;
         const double step_vox[3] = {m_ViewIndex[0] * step, m_ViewIndex[1] * step, m_ViewIndex[2] * step};
         double step_mm[3];
         affine::transform_direction(step_vox, m_IndexToPhysical, step_mm);

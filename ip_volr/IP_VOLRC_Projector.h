@@ -105,7 +105,7 @@ public:
     bool IsVisible(IP_3Coord point, float tolerance);
     // Whether the last frame is good and nothing has been changed since.
     bool IsValid() const;
-    void InvalidateOcclusions();
+    void InvalidateOcclusions();  // IsValid is false until the next frame
 
     // ---- Volume, tissues, tables
 
@@ -136,12 +136,12 @@ public:
 
     // ---- View
 
-    void SetLightVector(const double v[3]);  // physical direction
+    void SetLightVector(const double v[3]);  // physical direction in which the light travels
     void SetViewVector(const double v[3]);   // physical direction of increasing raster depth
     void SetR2PMatrix(const double m[4][4]);
     void GetR2PMatrix(double m[4][4]) const;
     void GetViewVector(double v[3]) const;
-    void SetPan(const int pan[2]);
+    void SetPan(const int pan[2]);    // stored only: no frame reads it
     void SetDims(const int dims[2]);  // output width and height
     // Planes of the user: inside is where the equation is not positive. Identifiers start at 6.
     IP_ClipManager* GetUserClipManager() { return m_UserClipManager; }
@@ -163,18 +163,21 @@ public:
     double GetStepLength() const { return m_StepLength; }  // the same step in mm; 0 before it is known
     // Entry k: transparency (of 65535) of one step through opacity byte k; four equal lanes an entry.
     const unsigned int (*GetStepTransparencies() const)[4] { return m_StepTransparencies; }
+    // Values of the current frame; the next Project replaces the first two and the fast gradients by those of its mode.
     void SetTranspThresh(unsigned int threshold) { m_TransparencyThreshold = static_cast<unsigned short>(threshold); }
     void SetOpacGradThresh(unsigned short threshold) { m_OpacityGradientThreshold = threshold; }
     void SetProjectZBuf(bool on) { m_ProjectZBuffer = on; }  // draw a depth image instead of a rendering
-    void SetFastGrads(bool on) { m_FastGradients = on; }
-    void SetParallelize(bool on) { m_Parallelize = on; }
+    void SetFastGrads(bool on) { m_FastGradients = on; }     // forward instead of central differences
+    void SetParallelize(bool on) { m_Parallelize = on; }     // off: one task for each stage
     // "Last fast rate: ..." with frame rates and resolutions; the caller provides room (256 bytes are enough).
     void GetInformationString(char* text) const;
 
     // ---- Results
 
+    // The picture, output width times output height pixels; the projector's, and after a final frame's BlendOutput
+    // unmapped. Null without memory or size.
     int* GetRaster() const { return m_RenderRaster; }
-    void SetRaster(int* raster) { m_RenderRaster = raster; }
+    void SetRaster(int* raster) { m_RenderRaster = raster; }  // not owned; until rasters are mapped or allocated anew
     double GetRenderingtime() const { return m_LastRenderTime; }  // last ray-casting pass, ms
     double GetSlowTime() const { return m_LastFinalTime; }        // last final frame, ms
     double GetFastTime() const { return m_LastInteractiveTime; }  // last interactive frame, ms
@@ -196,7 +199,7 @@ private:
         kVolumeValid,      // padded volume and brick records belong together
         kMinMaxValid,      // leaves know the slices' values
         kLuminosityValid,  // leaves know the tables
-        kTablesValid,      // combined tables
+        kTablesValid,      // tables and shading weights are those of the frame
         kViewValid,        // matrices, vectors and sizes are those of the frame
         kRaysValid,        // ray pool holds the frame's rays
         kPictureValid,     // render raster holds the frame
@@ -287,7 +290,6 @@ private:
 
     // Clipping
     void CalcZVisBuffer(PROJECTION_SIDE side);
-    void ProjectPartialRaster();  // subtask
     void ClipRasters();
     void GroupPlanes(IP_ClipManager& planes, const double middle_mm[3]);
     void ClipPartialRaster();  // subtask
@@ -375,7 +377,6 @@ private:
     unsigned short m_TransparencyThreshold = 0;
     unsigned short m_OpacityGradientThreshold = 0;
     bool m_ProjectZBuffer = false;
-    bool m_TablesStale = true;
     bool m_FastGradients = false;
     bool m_Parallelize = true;
     int m_TableBits = 16;
@@ -423,7 +424,6 @@ private:
     std::shared_ptr<IP_VOLRC_RayCastScratch> m_Cast;
     std::vector<BrickListEntry> m_BrickList;
     std::vector<RenderingResource> m_Resources;
-    bool m_SplitMode = false;
     int m_Octant = 0;
     int m_WaveIndex = 0;
     const unsigned int* m_ColorPointers[kNumTissues] = {};

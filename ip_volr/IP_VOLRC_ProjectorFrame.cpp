@@ -176,7 +176,6 @@ bool IP_VOLRC_Projector::ApplyPendingChanges(bool just_rebuilt) {
         InvalidateOcclusions();
         m_Pending[kColorTablesChanged] = false;
     }
-    m_TablesStale = false;
     m_Valid[kLuminosityValid] = true;
     m_Valid[kTablesValid] = true;
     return true;

@@ -115,9 +115,7 @@ void IP_VOLRC_Projector::SetRenderMode(RC_RENDERING_MODE mode) {
         return;
     }
     m_RenderMode = mode;
-    if (mode == RC_RENDERING_FINAL) {
-        SetStepSize(m_Final.step_size);
-    }
+    SetStepSize(GetParameters(mode).step_size);
     // The render size is taken over by the next frame: until then questions about visibility concern the last one.
     m_Pending[kParametersChanged] = true;
 }
@@ -128,7 +126,6 @@ void IP_VOLRC_Projector::SetVolrQuality(RC_VOLR_QUALITY quality) {
     }
     m_VolrQuality = quality;
     m_Pending[kParametersChanged] = true;
-    m_TablesStale = true;
     SetDefaultParams();
 }
 

@@ -226,7 +226,6 @@ const _int_coord* IP_VOLRC_Projector::CurrentWave(int& num_bricks) const {
 
 bool IP_VOLRC_Projector::BuildBrickList(int first_layer, int last_layer) {
     m_BrickList.clear();
-    m_SplitMode = false;
     int num_bricks = 0;
     const _int_coord* const wave = CurrentWave(num_bricks);
     for (int i = 0; i < num_bricks; i++) {
@@ -253,7 +252,6 @@ bool IP_VOLRC_Projector::BuildBrickList(int first_layer, int last_layer) {
     if (!IsListBalanced()) {
         RedistributeRaysToTasks();
         std::stable_sort(m_BrickList.begin(), m_BrickList.end(), heavier);
-        m_SplitMode = true;
     }
     return true;
 }

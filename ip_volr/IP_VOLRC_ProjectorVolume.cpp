@@ -183,7 +183,6 @@ void IP_VOLRC_Projector::SetVolData(IP_VolData* volume, bool flag) {
     m_SourceVolume = volume;
     m_VolumeIdentity = volume->GetIdentity();
     m_VolumeSigned = flag;
-    m_TablesStale = true;
 
     // Its lattice, about its middle, and the maps of directions.
     m_Box = *m_PaddedVolume->GetBox();

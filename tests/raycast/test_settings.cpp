@@ -107,10 +107,10 @@ TEST_F(RayCastSettings, AdaptiveQualityCoarsensTheStepFirst) {
     projector->AdjustRenderingTime(0.0);
     EXPECT_EQ(interactive().render_width, 200);
     EXPECT_EQ(interactive().step_size, 1.0);
-    // Too slow again: only once a frame has been drawn with the coarsest step are there fewer rays.
+    // Too slow again: only once the coarsest step is in force are there fewer rays. The mode brings it.
     projector->AdjustRenderingTime(1.5);
     EXPECT_EQ(interactive().render_width, 200);
-    projector->SetStepSize(1.0);
+    projector->SetRenderMode(RC_RENDERING_INTERACTIVE);
     projector->AdjustRenderingTime(1.5);
     EXPECT_EQ(interactive().render_width, static_cast<int>(200 / std::sqrt(1.5)) / 4 * 4);
     projector->AdjustRenderingTime(1e300);
@@ -120,6 +120,29 @@ TEST_F(RayCastSettings, AdaptiveQualityCoarsensTheStepFirst) {
     char text[256];
     projector->GetInformationString(text);
     EXPECT_NE(std::string(text).find("Fast Resolution: 100/203, "), std::string::npos);
+}
+
+TEST_F(RayCastSettings, ColoursOfAProtocolReachEveryKernel) {
+    scene.tissues.assign(scene.voxels.size(), 1);
+    const auto tissues = make_tissue_volume(scene);
+    const unsigned* colours[kNumTissues];
+    std::transform(scene.colours.begin(), scene.colours.end(), colours,
+                   [&](const auto& table) { return table.data() - scene.lowest(); });
+    projector->SetMaxLayerLoaded(2);
+    projector->SetVolumeTissues(tissues.get());
+    projector->SetColorTable(colours, nullptr, scene.bits, false);
+    projector->SetDims(dims);
+    const auto draw = [&] {
+        Picture picture(203 * 160);
+        EXPECT_TRUE(projector->Project());
+        projector->BlendOutput(picture.data());
+        return picture;
+    };
+    const Picture nothing(203 * 160, 0xff000000);
+    EXPECT_NE(draw(), nothing);
+    // A protocol gives tissue 1 a colour without opacity.
+    projector->UpdateLuminosity(0);
+    EXPECT_EQ(draw(), nothing);
 }
 
 TEST(RayCastMatrix, InverseOfRegularAndSingularMatrices) {
