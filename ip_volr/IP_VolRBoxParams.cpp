@@ -27,7 +27,8 @@ IP_VolRBoxParamsVolR::IP_VolRBoxParamsVolR(const IP_VolRBoxParamsVolR& o)
       m_HostBuffer(o.m_HostBuffer),
       m_DepthBuffer(o.m_DepthBuffer),
       lightingPoint3DArr(o.lightingPoint3DArr),
-      m_DepthBufferValid(o.m_DepthBufferValid) {
+      m_DepthBufferValid(o.m_DepthBufferValid),
+      m_SharesLightingPoints(o.lightingPoint3DArr.Block() != -1) {
     std::memcpy(m_ScreenToPhysical, o.m_ScreenToPhysical, sizeof(m_ScreenToPhysical));
     std::memcpy(m_HostMatrix, o.m_HostMatrix, sizeof(m_HostMatrix));
 }
@@ -38,11 +39,12 @@ IP_VolRBoxParamsVolR& IP_VolRBoxParamsVolR::operator=(IP_VolRBoxParamsVolR& o) {
     if (this == &o) {
         return *this;
     }
-    Destroy_LightingPoint3DArr();
+    free_lighting_points();
     IP_VolRBoxParams::operator=(o);
     m_HostBuffer = o.m_HostBuffer;
     m_DepthBuffer = o.m_DepthBuffer;
     lightingPoint3DArr = o.lightingPoint3DArr;
+    m_SharesLightingPoints = o.lightingPoint3DArr.Block() != -1;
     delete[] m_HostArrayA;
     delete[] m_HostArrayB;
     m_HostArrayA = nullptr;
@@ -52,7 +54,7 @@ IP_VolRBoxParamsVolR& IP_VolRBoxParamsVolR::operator=(IP_VolRBoxParamsVolR& o) {
 }
 
 void IP_VolRBoxParamsVolR::Allocate_LightingPoint3DArr(int n) {
-    Destroy_LightingPoint3DArr();
+    free_lighting_points();
     IP_VOLR_TRACE(ip_volr::kTraceInformation, kSource, "IP_VolRBoxParamsVolR::Allocate_LightingPoint3DArr",
                   "allocation of lightingPoint3DArr: %p, size = %d\n", static_cast<void*>(&lightingPoint3DArr), n);
     if (n <= 0) {
@@ -62,17 +64,23 @@ void IP_VolRBoxParamsVolR::Allocate_LightingPoint3DArr(int n) {
     pager->Allocate64(static_cast<unsigned long long>(n) * kLightingPointBytes, &lightingPoint3DArr, 0);
     if (lightingPoint3DArr.Block() != -1) {
         lightingPoint3DArr.Unmap();
-        m_OwnsLightingPoints = true;
     }
 }
 
 void IP_VolRBoxParamsVolR::Destroy_LightingPoint3DArr() {
-    if (!m_OwnsLightingPoints) {
-        lightingPoint3DArr = MEM_PagerInfo();
-        return;
+    if (free_lighting_points()) {
+        IP_VOLR_TRACE(ip_volr::kTraceInformation, kSource, "IP_VolRBoxParamsVolR::Destroy_LightingPoint3DArr",
+                      "destroy of lightingPoint3DArr: %p\n", static_cast<void*>(&lightingPoint3DArr));
     }
-    MEM_MemPager::GetHandleForMP()->Free(lightingPoint3DArr);
-    m_OwnsLightingPoints = false;
-    IP_VOLR_TRACE(ip_volr::kTraceInformation, kSource, "IP_VolRBoxParamsVolR::Destroy_LightingPoint3DArr",
-                  "destroy of lightingPoint3DArr: %p\n", static_cast<void*>(&lightingPoint3DArr));
+}
+
+// Leaves the handle empty; true when there were points of this box to free.
+bool IP_VolRBoxParamsVolR::free_lighting_points() {
+    const bool frees = lightingPoint3DArr.Block() != -1 && !m_SharesLightingPoints;
+    if (frees) {
+        MEM_MemPager::GetHandleForMP()->Free(lightingPoint3DArr);
+    }
+    lightingPoint3DArr = MEM_PagerInfo();
+    m_SharesLightingPoints = false;
+    return frees;
 }

@@ -16,8 +16,10 @@ public:
     int m_PictureCapacity = 0;  // pixels for which the picture was allocated
     int m_PictureWidth;         // pixels
     int m_PictureHeight;
-    float m_OriginX;  // of the first slice in the picture, pixels: the centre of its first voxel, where integers are
-    float m_OriginY;  // the corners of picture pixels
+    // Where the centre of the first slice's first voxel lies in the picture, in pixels; integers are at the corners of
+    // pixels.
+    float m_OriginX;
+    float m_OriginY;
     int m_ClipStamp = -1;  // the clip manager's change counter at the last bounds; -1 forces the first computation
     float m_PhysToVirtual[4][4];  // physical mm to virtual mm
     IP_Box m_Box;                 // lattice of the projected slices: x and y in the picture, z through the slices
@@ -37,31 +39,34 @@ public:
     int m_BitsStored = 0;
 };
 
-// The box of a volume rendering.
+// The box of a volume rendering. It frees the lighting points that are in it when it dies, except those that it has
+// from another box by copying or assignment: these stay with that box, which must live as long.
 class IP_VOLR_EXPORT IP_VolRBoxParamsVolR : public IP_VolRBoxParams {
 public:
     IP_VolRBoxParamsVolR() {}                             // leaves the two matrices unset
     IP_VolRBoxParamsVolR(const IP_VolRBoxParamsVolR& o);  // shares the two arrays
-    // Drops the target's two arrays and copies neither arrays nor matrices.
+    // Drops the target's two arrays and its lighting points, and copies neither arrays nor matrices.
     IP_VolRBoxParamsVolR& operator=(IP_VolRBoxParamsVolR& o);
     ~IP_VolRBoxParamsVolR() override;  // leaves the two arrays to whoever allocated them
 
     // Allocates n lighting points of 16 bytes from the memory pager, unmapped; an earlier array is freed first. A
     // refusal leaves the handle without a block.
     void Allocate_LightingPoint3DArr(int n);
-    void Destroy_LightingPoint3DArr();
+    void Destroy_LightingPoint3DArr();  // frees and logs; without points it does nothing
 
     unsigned char* m_HostArrayA = nullptr;  // from array-new
     unsigned char* m_HostArrayB = nullptr;
     int m_HostCountA = 0;
     int m_HostCountB = 0;
     MEM_PagerInfo m_HostBuffer;
-    MEM_PagerInfo m_DepthBuffer;  // for picking
-    MEM_PagerInfo lightingPoint3DArr;
+    MEM_PagerInfo m_DepthBuffer;       // for picking
+    MEM_PagerInfo lightingPoint3DArr;  // 16 bytes a point
     float m_ScreenToPhysical[4][4];
     float m_HostMatrix[4][4];
     bool m_DepthBufferValid = false;
 
 private:
-    bool m_OwnsLightingPoints = false;  // only the object that allocated the points frees them
+    bool free_lighting_points();
+
+    bool m_SharesLightingPoints = false;  // another box frees them
 };

@@ -32,11 +32,11 @@ unsigned int IP_VolRParams::GetNumberSlicesInChunks() const {
 }
 
 unsigned int IP_VolRParams::RemoveSmallSlicesChunks(int w, int h, float factor) {
-    // The same size rule as a chunk's blocks: whole groups of 16 bytes and the spare bytes against aliasing.
-    const float payload_bytes =
-        static_cast<float>(static_cast<unsigned>(w) * static_cast<unsigned>(h)) * factor + 15.0F;
-    const std::uint64_t needed_bytes =
-        (static_cast<std::uint64_t>(payload_bytes) & ~std::uint64_t{15}) + IP_SliceChunk::ALLIASING_64K_OFFSET;
+    // The same size rule as a chunk's blocks: whole groups of 16 bytes and the spare bytes against aliasing. In single
+    // precision the 15 would be rounded up beyond 16 MiB, and chunks that fit would be dropped.
+    const float payload_bytes = static_cast<float>(static_cast<unsigned>(w) * static_cast<unsigned>(h)) * factor;
+    const std::uint64_t padded_bytes = static_cast<std::uint64_t>(static_cast<double>(payload_bytes) + 15.0);
+    const std::uint64_t needed_bytes = (padded_bytes & ~std::uint64_t{15}) + IP_SliceChunk::ALLIASING_64K_OFFSET;
 
     unsigned int slices = 0;
     for (std::size_t i = 0; i < m_SliceChunks.size();) {

@@ -2,6 +2,7 @@
 #include "host/matrix_math.h"
 #include "host/reference/settings.h"
 #include "ip_volr/IP_SliceChunk.h"
+#include "tests/host/log_recorder.h"
 #include "tests/mip/model.h"
 
 #include <gtest/gtest.h>
@@ -58,9 +59,12 @@ TEST(MipParameters, PoolKeepsOnlyBlocksThatAreLargeEnough) {
     EXPECT_EQ(p.m_SliceChunks.size(), 2U);
     EXPECT_EQ(p.RemoveSmallSlicesChunks(500, 500, 2.0F), 0U);
     EXPECT_TRUE(p.m_SliceChunks.empty());
+    add_chunk(p, 1, 4096, 2048);
+    EXPECT_EQ(p.RemoveSmallSlicesChunks(4096, 2048, 2.0F), 1U) << "16 MiB and more";
 }
 
 TEST(MipParameters, LightingPointsAreFreedOnceAndAssignmentDropsArrays) {
+    const LogRecorder log(6);
     const auto before = reference_host::GetPagerStatistics().blocks;
     {
         IP_VolRBoxParamsVolR a;
@@ -78,7 +82,12 @@ TEST(MipParameters, LightingPointsAreFreedOnceAndAssignmentDropsArrays) {
         EXPECT_EQ(assigned.m_HostArrayB, nullptr);
         EXPECT_EQ(assigned.m_HostCountA, 0);
         delete[] a.m_HostArrayA;
+        IP_VolRBoxParamsVolR filled_by_host;
+        MEM_MemPager::GetHandleForMP()->Allocate(160, &filled_by_host.lightingPoint3DArr, 0);
+        EXPECT_EQ(log.Count("size = 200\n"), 1);
+        EXPECT_EQ(log.Texts().size(), 2U) << "one line an allocation";
     }
+    EXPECT_EQ(log.Count("destroy of lightingPoint3DArr: "), 2);
     EXPECT_EQ(reference_host::GetPagerStatistics().blocks, before);
 }
 
