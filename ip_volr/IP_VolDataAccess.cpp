@@ -6,6 +6,7 @@ namespace {
 
 // Slices kept mapped on either side of the one that made the range move.
 constexpr int kHalfRange = 50;
+constexpr int kWidestRange = 2 * kHalfRange + 1;
 
 }  // namespace
 
@@ -57,10 +58,17 @@ void slice_mapper_stage::_unmap_slices(int first, int last) {
     if (last < first) {
         return;
     }
-    // One by one: a list of the blocks would take memory.
+    // In one call for the ranges of typed access. The list lies on the stack: a release must not fail for lack of
+    // memory.
+    MEM_PagerInfo* blocks[kWidestRange];
+    int num_blocks = 0;
     for (int k = first; k <= last; ++k) {
-        if (IP_Slice* const s = slice(k)) {
-            s->UnmapMemory();
+        if (const IP_Slice* const s = slice(k)) {
+            blocks[num_blocks++] = s->GetData();
+        }
+        if (num_blocks == kWidestRange || k == last) {
+            MEM_MemPager::GetHandleForMP()->UnmapMemPagerInfoVec(blocks, num_blocks);
+            num_blocks = 0;
         }
     }
 }
