@@ -18,15 +18,16 @@ struct TableRange {
     int last;    // last index of the tables
 };
 
-// Whether a value in [lo, hi] (table indices, either may lie outside the tables) has luminosity.
+// Whether a value in [lo, hi] (table indices, either may lie outside the tables) has luminosity. The sum of a whole
+// table fits 32 bits, but not always with a sign.
 inline bool range_is_luminous(const int* prefix, int last_index, int lo, int hi) {
     const int first = std::max(lo, 0);
     const int last = std::min(hi, last_index);
     if (last < first) {
         return false;
     }
-    const unsigned int sum_before = first > 0 ? static_cast<unsigned int>(prefix[first - 1]) : 0U;
-    return static_cast<int>(static_cast<unsigned int>(prefix[last]) - sum_before) >= 1;
+    const int sum_before = first > 0 ? prefix[first - 1] : 0;
+    return prefix[last] != sum_before;
 }
 
 // The octant's luminous leaves for one tissue, bit i for leaf i.
@@ -96,8 +97,8 @@ void fill_luminosity_of_opacity(const unsigned int* shading, const double* param
         }
         return;
     }
-    // A weight that is not a number counts as 0.
-    const double weight = params[2] > 0.0 ? std::min(params[2], 1.0) : 0.0;
+    // A weight that is not a number counts as 0, one beyond what 16 bits of luminosity can hold as the greatest.
+    const double weight = params[2] > 0.0 ? std::min(params[2], 255.0) : 0.0;
     const auto k = static_cast<unsigned int>(weight * 65535.0);
     for (unsigned int a = 0; a < 256; ++a) {
         const unsigned int transparency = std::min(shading[4 * a], 65535U);
@@ -123,11 +124,10 @@ void load_tissue_table(const IP_VOLRC_ColorSource& source, int tissue, unsigned 
     for (int a = 0; a < 256; ++a) {
         greatest = is_used[a] ? std::max<int>(greatest, source.luminosity[a]) : greatest;
     }
-    const int threshold = std::clamp(source.threshold, 0, 256);
-    const int haze = (greatest * threshold) >> 8;
+    const std::int64_t haze = (static_cast<std::int64_t>(greatest) * source.threshold) >> 8;
     unsigned short remaining[256];
     for (int a = 0; a < 256; ++a) {
-        remaining[a] = static_cast<unsigned short>(std::max(0, source.luminosity[a] - haze));
+        remaining[a] = static_cast<unsigned short>(std::clamp<std::int64_t>(source.luminosity[a] - haze, 0, 65535));
     }
     for (std::size_t i = 0; i < size; ++i) {
         luminosity[i] = remaining[colours[i] >> 24];

@@ -24,7 +24,7 @@ struct _int_coord {
 
 // How the luminosity of a table entry is worked out.
 enum VISIBILITY_MODE {
-    VISIBILITY_BY_CONTRIBUTION = 0,  // opacity of one step times the strongest shading weight: faint entries vanish
+    VISIBILITY_BY_CONTRIBUTION = 0,  // opacity of one step times opacity and ambient weight: faint entries vanish
     VISIBILITY_BY_OPACITY = 1        // the opacity byte itself: every entry that is not fully transparent counts
 };
 
@@ -109,12 +109,15 @@ public:
     // Loads new colours into the tables and evaluates luminosity. `colours`: 16 tables of 2^bits entries; for signed
     // volumes each pointer designates value 0, with 2^(bits-1) entries before it. `shading`: 256 entries of four
     // components, the first of which is the transparency (0 to 65535) that one step leaves behind an opacity byte.
-    // `params`: three shading weights, 0 to 1. `bits` is 0 to 16; entries beyond 2^bits become transparent. Null
-    // arguments are refused without effect (`shading` and `params` matter only by contribution).
+    // `params`: three shading weights, of which the last (ambient) counts, 0 to 255. `bits` is 0 to 16; entries beyond
+    // 2^bits become transparent. Null arguments are refused without effect (`shading` and `params` matter only by
+    // contribution).
     void SetColorTables(unsigned int** const colours, unsigned int* shading, int bits, double* params,
                         VISIBILITY_MODE mode);
 
+    // Rescaled value = slope * stored value + intercept; Init takes both from its volume.
     void SetRescaleParams(double slope, double intercept);
+    // Whether stored values are signed 16-bit numbers. Minima, maxima and tables made before keep their kind.
     void SetSigned(bool is_signed) { m_IsSigned = is_signed; }
     // In 1/256 of the greatest luminosity of a table: what every entry loses when tables are loaded.
     void SetLuminosityThreshold(int threshold) { m_LuminosityThreshold = threshold; }
@@ -133,7 +136,7 @@ public:
 
     // Recomputes the tissues active in every brick from a volume of tissue-index slices (two voxels a byte, room for
     // (X Y + 1) / 2 bytes each); a slice without data holds no tissue (15). Null: no tissues, only 15 active
-    // everywhere. False when slices cannot be mapped; the bricks before them have their new flags.
+    // everywhere. False when slices or records cannot be mapped; the bricks before them have their new flags.
     bool UpdateTissue(IP_VolData* tissues);
 
     // Debugging: loads colours of tissue 15 (and 0) from a fixed file chosen by index -1 to 15, gives tissue 1 one

@@ -107,8 +107,11 @@ void store_tissues(unsigned int tissues, IP_VOLRC_BrickData& brick) {
 
 bool IP_VOLRC_BrickStructure::UpdateTissue(IP_VolData* tissues) {
     m_TissueVolData = tissues;
+    if (m_Storage == nullptr) {
+        return true;  // no bricks to update
+    }
     const IP_VOLRC_ScopedBrickMapping mapping(m_Storage.get());
-    if (m_Storage == nullptr || !mapping.IsMapped()) {
+    if (!mapping.IsMapped()) {
         return false;
     }
     if (tissues == nullptr) {

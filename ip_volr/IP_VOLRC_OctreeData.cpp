@@ -1,6 +1,7 @@
 #include "ip_volr/IP_VOLRC_OctreeData.h"
 
 #include "host/images.h"
+#include "ip_volr/IP_VOLRC_BrickSlices.h"
 
 #include <algorithm>
 #include <cstring>
@@ -52,8 +53,8 @@ void IP_VOLRC_OctreeData::InitLeaf(IP_VolData* volume, int* const origin, sMinMa
     }
 
     for (int z = first[2]; z <= last[2]; ++z) {
-        const auto* const slice = dynamic_cast<const IP_ShortSlice*>(volume->GetSlice(z));
-        const short* const pixels = slice == nullptr ? nullptr : slice->GetMappedSlice();
+        const IP_Slice* const slice = volume->GetSlice(z);
+        const short* const pixels = ip_volr::mapped_pixels<IP_ShortSlice>(slice, dims[0], dims[1]);
         if (pixels == nullptr) {
             continue;
         }

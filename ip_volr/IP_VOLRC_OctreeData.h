@@ -43,7 +43,7 @@ public:
     unsigned long long GetLeavesOcclusionVector(int q) const { return m_LeavesOcclusion[q]; }
     int GetNumOpaqueLeaves() const { return m_NumOpaqueLeaves; }  // number of luminous leaves
     void SetNumOpaqueLeaves(int leaves) { m_NumOpaqueLeaves = leaves; }
-    // 16 flags: the tissues active in the octant's brick.
+    // 16 flags: the tissues that the last tissue update found active in the octant's brick; none before it.
     bool* GetTissueFlages() { return m_TissueFlags; }
 
     // Sets all pairs to the 32-bit word `value`.
@@ -51,7 +51,8 @@ public:
 
     // Widens `pair` by the voxels of one leaf (origin in voxels, negative coordinates count as 0; 5 voxels per axis,
     // cut at the volume's last voxel), as unsigned values unless the slices say that theirs are signed. The caller has
-    // mapped the slices; a slice without mapped pixels contributes nothing. A leaf beyond the volume gets (0, 0).
+    // mapped the slices; one without mapped pixels or of another size contributes nothing. A leaf beyond the volume
+    // gets (0, 0).
     void InitLeaf(IP_VolData* volume, int* const origin, sMinMax* pair);
     // The same for leaf 0 to 63 of the octant with the given origin, into the octant's own table.
     void CalcMinMaxVals(IP_VolData* volume, int leaf, int* const octant_origin);

@@ -88,14 +88,14 @@ TEST_F(BrickLuminosity, TablesTakeOpacityOrContributionLessTheThreshold) {
         colours[i] = noise(static_cast<int>(i), 1, 2);
     }
     std::vector<unsigned> shading(4 * 256);
-    const double params[3] = {0.9, 0.6, 0.09};
+    const double params[3] = {0.9, 0.6, 1.5};
     for (unsigned a = 0; a < 256; ++a) {
         shading[4 * a] = static_cast<unsigned>(65535 * std::sqrt(1.0 - a / 255.0));
     }
     double weights[3] = {params[0], params[1], params[2]};
-    const auto k = static_cast<unsigned>(0.09 * 65535);
+    const auto k = static_cast<unsigned>(1.5 * 65535);
     for (const int bits : {16, 12}) {
-        for (const int threshold : {0, 16, 256}) {
+        for (const int threshold : {0, 16, 256, -16}) {
             for (const VISIBILITY_MODE mode : {VISIBILITY_BY_CONTRIBUTION, VISIBILITY_BY_OPACITY}) {
                 structure.SetLuminosityThreshold(threshold);
                 structure.SetColorTables(pointers(colours, 32768).data(), shading.data(), bits, weights, mode);
@@ -149,6 +149,16 @@ TEST_F(BrickLuminosity, ValuesBeyondTheTablesAreDark) {
     structure.SetColorTables(pointers(colours, 2048).data(), nullptr, 12, nullptr, VISIBILITY_BY_OPACITY);
     expect_luminosity(structure, 12, true);
     EXPECT_EQ(structure.GetBrick(0, 0, 0)->GetNumOpaqueLeaves(), 64) << "the leaves across the step";
+}
+
+TEST_F(BrickLuminosity, SumsOfFullTablesFillTheirWord) {
+    const auto volume = make_volume(32, 32, 32, 16, false, [](int x, int, int) { return x % 2 == 0 ? 0 : 65535; });
+    IP_VOLRC_BrickStructure structure = make_structure(false);
+    structure.SetMaxLayerLoaded(1);
+    ASSERT_TRUE(structure.Init(volume.get()));
+    std::memset(m_Tables->luminosity, 0xFF, sizeof(m_Tables->luminosity));
+    structure.EvaluateLuminosities();
+    EXPECT_EQ(structure.GetBrick(0, 0, 0)->GetZeroLevelLuminosity(), 0xFFFF);
 }
 
 TEST_F(BrickLuminosity, TissuesOfEveryBrickAreFoundAndDecideLuminosity) {

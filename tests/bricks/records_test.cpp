@@ -98,6 +98,14 @@ TEST(BrickRecord, InitLeafWidensThePairAndZeroesLeavesBeyondTheVolume) {
     brick.InitOctree(volume.get());
     EXPECT_EQ(static_cast<short>(octant.GetData()[0].maximum), -300 + 444);
     EXPECT_EQ(octant.GetData()[1].minimum, 0x7FFF);
+
+    // A slice of another size has no rows to read.
+    octant.InitMinMaxTable(kEmptyMinMaxSigned);
+    delete volume->GetSlice(4);
+    volume->SetSlice(make_short_slice(2, 2, 4, 12, true, [](int, int, int) { return 2000; }), 4);
+    ASSERT_EQ(volume->GetSlice(4)->MapMemory(), 0);
+    brick.InitOctree(volume.get());
+    EXPECT_EQ(static_cast<short>(octant.GetData()[0].maximum), -300 + 344);
     for (int z = 0; z < 5; ++z) {
         volume->GetSlice(z)->UnmapMemory();
     }
