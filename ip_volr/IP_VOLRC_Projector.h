@@ -43,7 +43,7 @@ struct IP_VOLRC_RenderParameters {
     bool fast_gradients = false;                       // forward instead of central differences
     bool opacity_luminosity = true;                    // table flag: a voxel is visible by its opacity alone
     unsigned short opacity_gradient_threshold = 8192;  // of 65535; a sample above it is shaded
-    int gradient_level = 0;                            // luminosity threshold of the brick structure
+    int gradient_level = 0;  // luminosity threshold of the brick structure, in 1/256 of a table's greatest
 };
 
 // Casts one ray per pixel of the render resolution through a volume that is cut into bricks of 32 voxels per edge,
@@ -166,9 +166,11 @@ public:
     // Values of the current frame; the next Project replaces the first two and the fast gradients by those of its mode.
     void SetTranspThresh(unsigned int threshold) { m_TransparencyThreshold = static_cast<unsigned short>(threshold); }
     void SetOpacGradThresh(unsigned short threshold) { m_OpacityGradientThreshold = threshold; }
-    void SetProjectZBuf(bool on) { m_ProjectZBuffer = on; }  // draw a depth image instead of a rendering
-    void SetFastGrads(bool on) { m_FastGradients = on; }     // forward instead of central differences
-    void SetParallelize(bool on) { m_Parallelize = on; }     // off: one task for each stage
+    // Draw a depth image instead of a rendering: opaque greys over twice the greatest depth of the box, 0 where no ray
+    // passes; brighter is nearer when the front is shown.
+    void SetProjectZBuf(bool on) { m_ProjectZBuffer = on; }
+    void SetFastGrads(bool on) { m_FastGradients = on; }  // forward instead of central differences
+    void SetParallelize(bool on) { m_Parallelize = on; }  // off: one task for each stage
     // "Last fast rate: ..." with frame rates and resolutions; the caller provides room (256 bytes are enough).
     void GetInformationString(char* text) const;
 

@@ -52,8 +52,10 @@ public:
 
     // Streaming. QUIRK(dropped-first-call): a reader expects the value of the first call to count; the call that
     // creates the projector drops it. Kept: callers rely on it.
+    // The highest layer of 32 slices that has arrived; 0: none. Counts when the next frame is the first of a volume.
     void SetMaxLayerLoaded(int layer);
-    // The list must live until the next Render.
+    // Indices of the volume's slices whose voxels are new since the last frame. The list must live until the next
+    // Render, which forgets it.
     void SetUpdatedSliceIndexList(std::list<int>* slices);
 
     void SetProjection(float m[4][4]);
@@ -83,18 +85,21 @@ public:
     bool IsVisible(IP_3Coord point, float tolerance);
     bool IsCacheValid();  // the last frame is good and nothing has changed since
     void BoxUpdated();    // the volume's slice pointers have changed in place
+    // Unit vector away from the viewer, in physical space, of the last SetProjection. Untouched without a projector.
     void GetViewVector(double v[3]);
     void GetInformationString(char* text);  // 256 bytes are enough
     int LastRenderTime();                   // ray casting alone, ms
     int LastFinalQualityTime();             // whole frame, ms
     int LastInteractiveQualityTime();
 
-    // A brick structure that the host may keep beside its volume and hand from facade to facade. It must outlive the
-    // facade that it was handed to last.
+    // A brick structure that the host may keep beside its volume and hand from facade to facade; null without a
+    // projector or memory. It must outlive the facade that it was handed to last, unless that is given null, which
+    // means a structure of its own.
     void AllocateEngineSpecificData(void*& data);
     void SetEngineSpecificData(void* data);
     static void DeallocateEngineSpecificData(void* data);
 
+    // No state of error is kept: what Render returns tells.
     bool HasError() const { return false; }
     const char* DebugErrorMessage() const { return "Success\n"; }
 
