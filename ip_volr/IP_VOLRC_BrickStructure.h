@@ -125,9 +125,9 @@ public:
     // 0 means that no slice data is available yet.
     void SetMaxLayerLoaded(int layer) { m_MaxLayerLoaded = layer; }
 
-    // Streaming: which layers the arrived slices (indices of the unpadded volume, which starts at slice 2 here) touch,
-    // then their minimum and maximum values. False when slices cannot be mapped; the list of layers stays, so that the
-    // call can be repeated.
+    // Streaming: which layers the arrived slices (indices of the unpadded volume, which starts at slice 2 here; others
+    // are ignored) touch, none for null; then their minimum and maximum values. False without a volume, while unmapped
+    // and when slices cannot be mapped; the list of layers stays, so that the call can be repeated.
     void PrepareUpdatedBricksVector(std::list<int>* new_slices);
     bool RecalculateMinMaxForNewSlices();
 

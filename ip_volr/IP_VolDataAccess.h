@@ -50,13 +50,13 @@ public:
     // Reads from an array of slices of one size, not owned.
     void attach(IP_Slice** slices, int width, int height, int depth);
 
-    // Maps and unmaps the slices first to last, inclusive; nothing when last is below first. Mapping throws
-    // map_failure_exception; unmapping never fails.
+    // Maps and unmaps the slices first to last, inclusive, which must lie inside the volume; nothing when last is below
+    // first. Mapping throws map_failure_exception; unmapping never fails.
     void _map_slices(int first, int last);
     void _unmap_slices(int first, int last);
 
-    // Makes [first, last] the mapped range; slices in both ranges stay mapped throughout. After a map_failure_exception
-    // the range is what is still mapped.
+    // Makes [first, last], which must lie inside the volume or be empty, the mapped range; slices in both ranges stay
+    // mapped throughout. After a map_failure_exception the range is what is still mapped.
     void move_mapped_range(int first, int last);
 
     // Unmaps the whole range. Also the clean-up after an exception.
