@@ -15,6 +15,7 @@ class IP_HOST_API IP_ClippingPlane {
 public:
     IP_ClippingPlane() = default;
 
+    // a, b, c and d; the four zeros of a new plane leave everything inside.
     void GetPlaneEq(float eq[4]) const;
     void GetPlaneEq(double eq[4]) const;
     void SetPlaneEq(const float* eq);

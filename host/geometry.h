@@ -71,6 +71,7 @@ public:
     float GetDepth() const;   // length of the z vector, mm
     float GetLength() const;  // length of the space diagonal, mm: a picture this wide holds the box from any side
 
+    // Of the axes IP_AXIS_X to IP_AXIS_Z; numbers beyond count as the nearest.
     void GetOrthoVec(float normal[3], int axis) const;  // unit normal of the faces across an axis
     void GetSideVec(float side[3], int axis) const;     // side vector along an axis, length included
 
@@ -81,8 +82,8 @@ public:
     // left, so that a box thinner than its margins keeps its middle instead of turning inside out.
     void ReduceBox(float* margins, float* mm_per_pixel);
 
-    void Centralize();  // moves the middle to the origin
-    virtual void ApplyTransform(float m[4][4]);
+    void Centralize();                           // moves the middle to the origin
+    virtual void ApplyTransform(float m[4][4]);  // maps the start corner as a point, the vectors as directions
 
     void Translate(float x, float y, float z) override;
     using IP_Transformable::Scale;

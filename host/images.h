@@ -89,8 +89,8 @@ public:
 
 // One volume: a lattice, its slices (one per z), and the rescale from stored to rescaled values.
 //
-// A volume deletes the slices set into it, unless DisconnectSlices was called. A copy refers to the same slice objects
-// without owning them.
+// A volume deletes the slices that it holds. One that is copied or assigned from another refers to the same slice
+// objects and owns none (unless they were its own), also none that is set later.
 class IP_HOST_API IP_VolData {
 public:
     IP_VolData();
@@ -105,7 +105,7 @@ public:
     IP_Slice* GetSlice(int i) const;  // null out of range
     IP_Slice** GetSlices() { return m_Slices.empty() ? nullptr : m_Slices.data(); }
     int GetNumberOfSlicePointers() const { return static_cast<int>(m_Slices.size()); }
-    void SetSlice(IP_Slice* slice, int i);  // takes ownership; an earlier slice is not deleted
+    void SetSlice(IP_Slice* slice, int i);  // an earlier slice is not deleted; nothing out of range
     void DisconnectSlices();                // forgets the slices without freeing them
 
     int GetFirstSliceInd() const { return m_FirstSliceInd; }

@@ -67,6 +67,8 @@ private:
 
 // A binary volume kept as bits, with a border of one voxel on every side: voxel (x, y, z) is bit (x + 1) mod 32 of word
 // (y + 1) * row stride + (z + 1) * slice stride + (x + 1) / 32, both strides in words.
+//
+// Reading from several threads at once is safe; so is changing voxels of different slices.
 class IP_HOST_API IP_BitVol {
 public:
     IP_BitVol() = default;
@@ -74,12 +76,14 @@ public:
     virtual ~IP_BitVol() = default;
 
     void GetDims(int dims[3]) const { m_Dims.GetDims(dims); }  // without the border
-    int GetPixel(int x, int y, int z) const;
-    void SetPixel(int x, int y, int z, bool set);
-    void Negate();  // the border stays unset
+    int GetPixel(int x, int y, int z) const;                   // 1 set, 0 unset or outside
+    void SetPixel(int x, int y, int z, bool set);              // nothing outside
+    void Negate();  // set becomes unset and the other way round; the border stays unset
 
+    // Like that of IP_ListVol.
     void WriteLine(int row, int slice, unsigned char* line, unsigned char value, int set) const;
 
+    // The words, border included; they stay where they are as long as the volume lives and is not assigned to.
     const unsigned* GetBits() const { return m_Words.data(); }
     unsigned* GetBits() { return m_Words.data(); }
     std::size_t GetRowStride() const { return m_RowStride; }

@@ -26,7 +26,7 @@ public:
     int Unmap();
     // Address of the mapped block, the same as long as it stays mapped; null while unmapped.
     void* Ptr() const;
-    // Block number, or -1 when there is none (never allocated, refused or freed).
+    // Block number, or -1 when there is none (never allocated, refused, or freed through this handle).
     int Block() const { return m_Block; }
     // The pager's record, or null when there is no block.
     MEM_BlockRecord* GetMemInfoPtr() const { return m_Record; }
@@ -53,6 +53,7 @@ public:
 
     // Maps n blocks, all or none: 0 on success. Null entries and empty handles are skipped.
     int MapMemPagerInfoVec(MEM_PagerInfo** infos, int n);
+    // Releases one mapping of each of n blocks: 0 when all were mapped. The others are released all the same.
     int UnmapMemPagerInfoVec(MEM_PagerInfo** infos, int n);
 
 private:

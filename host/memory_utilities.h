@@ -1,4 +1,4 @@
-// Filling and copying of memory.
+// Filling and copying of memory; the areas of a copy do not overlap. Null pointers do nothing.
 #pragma once
 
 #include "host/host_export.h"

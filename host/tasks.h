@@ -46,7 +46,8 @@ public:
     ~TCO_RunnableSelf() = default;
 
     int GetSubtaskIndex() const { return m_Subtask; }  // 0 to the number of subtasks - 1
-    int GetServerIndex() const { return m_Server; }  // 0 to the number of servers - 1; no two that run at once share it
+    // 0 to the number of servers - 1; no two subtasks of one compound task that run at once share it.
+    int GetServerIndex() const { return m_Server; }
     int GetNumberOfSubtasks() const { return m_NumSubtasks; }
 
     // This subtask's inclusive, contiguous share of the indices first to last. The shares of all subtasks cover the

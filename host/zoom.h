@@ -11,7 +11,8 @@
 // counts.
 //
 // Over: a pixel that sees nothing, or a value below `floor`, becomes `floor`; everything is overwritten.
-// Max: the pixel becomes the maximum of its old value and the new one; a pixel that sees nothing keeps its value.
+// Max: the pixel becomes the maximum of its old value and the new one; a pixel that sees nothing keeps its value. The
+// floor does not count.
 // Values are signed 16-bit.
 IP_HOST_API void LinShearZoomShortMax(const float matrix[4][4], const IP_Dims* src_box, const IP_Dims* dst_box,
                                       const short* src, short* dst, int floor);
