@@ -11,6 +11,15 @@ namespace {
 
 constexpr char kSource[] = "ip_volr/IP_SliceChunk";
 
+// The pager maps and unmaps by a list of handles, in one call.
+std::vector<MEM_PagerInfo*> addresses_of(MEM_PagerInfo* infos, unsigned count) {
+    std::vector<MEM_PagerInfo*> result(count);
+    for (unsigned i = 0; i < count; i++) {
+        result[i] = infos + i;
+    }
+    return result;
+}
+
 }  // namespace
 
 std::uint32_t IP_SliceChunk::BlockSize(int x, int y, float bytes_per_pixel) {
@@ -70,11 +79,8 @@ int IP_SliceChunk::MapSlices() {
     IP_VOLR_TRACE(ip_volr::kTraceDetail, kSource, "IP_SliceChunk::MapSlices",
                   "MapSlices: MapMemPagerInfoVec [%d - %d[\n", 0, static_cast<int>(m_NumbSlices));
     try {
-        std::vector<MEM_PagerInfo*> infos(m_NumbSlices);
-        for (unsigned i = 0; i < m_NumbSlices; i++) {
-            infos[i] = m_MemInfos + i;
-        }
-        return MEM_MemPager::GetHandleForMP()->MapMemPagerInfoVec(infos.data(), static_cast<int>(m_NumbSlices));
+        std::vector<MEM_PagerInfo*> infos = addresses_of(m_MemInfos, m_NumbSlices);
+        return MEM_MemPager::GetHandleForMP()->MapMemPagerInfoVec(infos.data(), static_cast<int>(infos.size()));
     } catch (const std::bad_alloc&) {
         return -1;
     }
@@ -83,10 +89,16 @@ int IP_SliceChunk::MapSlices() {
 int IP_SliceChunk::UnmapSlices() {
     IP_VOLR_TRACE(ip_volr::kTraceDetail, kSource, "IP_SliceChunk::UnmapSlices",
                   "UnmapSlices: UnmapMemPagerInfoVec [%d - %d[\n", 0, static_cast<int>(m_NumbSlices));
-    // One by one: a list of the blocks would take memory.
-    for (unsigned i = 0; i < m_NumbSlices; i++) {
-        m_MemInfos[i].Unmap();
+    std::vector<MEM_PagerInfo*> infos;
+    try {
+        infos = addresses_of(m_MemInfos, m_NumbSlices);
+    } catch (const std::bad_alloc&) {
+        for (unsigned i = 0; i < m_NumbSlices; i++) {
+            m_MemInfos[i].Unmap();  // one by one where a list finds no memory
+        }
+        return 0;
     }
+    MEM_MemPager::GetHandleForMP()->UnmapMemPagerInfoVec(infos.data(), static_cast<int>(infos.size()));
     return 0;
 }
 
