@@ -8,14 +8,19 @@ std::uint32_t rotate_left_5(std::uint32_t h) {
     return (h << 5) | (h >> 27);
 }
 
-// Address of a block while it is mapped; null when it cannot be mapped.
-const void* address_when_mapped(MEM_PagerInfo& block) {
-    if (block.Map() != 0) {
-        return nullptr;
+// Whether two handles are of one block, by its address. Both are mapped at once: a block that is not may come back
+// elsewhere, or another one in its place.
+bool map_to_one_address(MEM_PagerInfo& a, MEM_PagerInfo& b) {
+    if (a.Map() != 0) {
+        return false;
     }
-    const void* address = block.Ptr();
-    block.Unmap();
-    return address;
+    bool same = false;
+    if (b.Map() == 0) {
+        same = a.Ptr() == b.Ptr();
+        b.Unmap();
+    }
+    a.Unmap();
+    return same;
 }
 
 }  // namespace
@@ -115,8 +120,7 @@ int IP_SliceIDInfo::operator==(IP_SliceIDInfo& o) {
     if (!same_identity || m_Data == nullptr || o.m_Data == nullptr) {
         return 0;
     }
-    const void* address = address_when_mapped(*m_Data);
-    return address != nullptr && address == address_when_mapped(*o.m_Data) ? 1 : 0;
+    return map_to_one_address(*m_Data, *o.m_Data) ? 1 : 0;
 }
 
 void IP_SliceIDInfo::Register(SliceHashMap& map) {

@@ -96,7 +96,7 @@ TEST(SliceIdentity, KeysAreEqualByTextAndEmptyKeysEqualNothing) {
 
 TEST(SliceIdentity, RecordsAreEqualOnlyForOneBlockInOneVersionAndOrientation) {
     unsigned granted = 0;
-    const IP_SliceChunk chunk(2, 8, 8, 2.0F, false, &granted);
+    const IP_SliceChunk chunk(2, 1024, 1024, 2.0F, false, &granted);
     ASSERT_EQ(granted, 2U);
     IP_SliceIDInfo a;
     IP_SliceIDInfo b;
@@ -106,6 +106,13 @@ TEST(SliceIdentity, RecordsAreEqualOnlyForOneBlockInOneVersionAndOrientation) {
         record->SetData(chunk.GetMemInfo(0));
     }
     EXPECT_EQ(a == b, 1);
+    // Also when the pager moves whatever is not mapped out of memory.
+    reference_host::SetMemoryBudget(1);
+    EXPECT_EQ(a == b, 1);
+    b.SetData(chunk.GetMemInfo(1));
+    EXPECT_EQ(a == b, 0);
+    b.SetData(chunk.GetMemInfo(0));
+    reference_host::SetMemoryBudget(0);
     b.SetIsBlankSlice(true);
     EXPECT_EQ(a == b, 1);
     b.ReverseTranspose();
