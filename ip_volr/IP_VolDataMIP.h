@@ -12,7 +12,8 @@
 // compares those as negative. A host converts such data before it hands it over.
 //
 // Background: the larger of the minimum value and the lowest value of the source slice's range, -2^(bits stored - 1)
-// for signed slices and 0 for unsigned ones, limited to 16 bits signed.
+// for signed slices and 0 for unsigned ones. The low 16 bits of it; in copies with tissue it is limited to 16 bits
+// signed.
 class IP_VOLR_EXPORT IP_VolDataMIP : public IP_VolDataProj {
 public:
     IP_VolDataMIP() = default;
@@ -53,7 +54,7 @@ protected:
     bool applies_tissue() const override { return m_Tissue != nullptr; }
 
 private:
-    short background(const IP_Slice* source) const;
+    short background(const IP_Slice* source, const IP_ListVol* tissue) const;
     bool copy_full(IP_Slice* destination, int destination_x, int destination_y, IP_Slice* source, int source_x,
                    int source_y, const IP_ListVol* tissue, int slice_index);
     bool copy_reduced(IP_Slice* destination, int x, int y, IP_Slice* source, const IP_ListVol* tissue,

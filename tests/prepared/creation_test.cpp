@@ -37,13 +37,20 @@ TEST_F(CreationTest, HoldsTheSourceCentredAtEverySizeAndFactor) {
 
 TEST_F(CreationTest, BackgroundIsTheLowestValueOrTheMinimum) {
     const SourceVolume source(20, 20, 3, 1, 1);
-    for (const int minimum : {-1024, -4000}) {
+    const IP_RealListVol tissue = scattered_tissue(*source.volume->GetBox());
+    // Beyond 16 bits the minimum wraps, and is limited where there is a tissue.
+    const struct {
+        int minimum;
+        const IP_ListVol* tissue;
+        short background;
+    } cases[] = {
+        {-1024, nullptr, -1024}, {-4000, nullptr, kBackground}, {40000, nullptr, -25536}, {40000, &tissue, 32767}};
+    for (const auto& [minimum, mask, background] : cases) {
         for (const int factor : {1, 2}) {
             Prepared prepared;
-            ASSERT_TRUE(prepared.data.Create(*source.volume, prepared.map, nullptr, false, factor, false, 1, 1,
+            ASSERT_TRUE(prepared.data.Create(*source.volume, prepared.map, mask, false, factor, false, 1, 1,
                                              factor == 1 ? 1 : 0, minimum));
-            const short background = minimum == -1024 ? short{-1024} : kBackground;
-            EXPECT_EQ(prepared_pixels(prepared.data, 0), expected_pixels(source, prepared.data, 0, background));
+            EXPECT_EQ(prepared_pixels(prepared.data, 0), expected_pixels(source, prepared.data, 0, background, mask));
             // A slice without memory is background all over.
             const Pixels blank(prepared_pixels(prepared.data, 0).size(), background);
             EXPECT_EQ(prepared_pixels(prepared.data, 1), blank);
