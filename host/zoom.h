@@ -5,10 +5,10 @@
 #include "host/host_export.h"
 
 // For each pixel (x, y) of the destination (dimensions of the destination box, rows without gaps), the source position
-// is (x, y, 0, 1) times the 2-D part of `matrix` (rows 0, 1 and 3, columns 0 and 1), with integers at pixel centres;
-// the value is interpolated bilinearly between the four source pixels around it. Positions more than half a pixel
-// outside the source see nothing; between the border pixels' centres and half a pixel beyond them the border pixel
-// counts.
+// is (x, y, 0, 1) times the 2-D part of `matrix` (rows 0, 1 and 3, columns 0 and 1). Source positions count from the
+// corner of the first pixel: source pixel (i, j) has its centre at (i + 0.5, j + 0.5). The value is interpolated
+// bilinearly between the four source pixels around the position. Positions outside the source see nothing; within half
+// a pixel of its border, where neighbours are missing, the border pixel counts.
 //
 // Over: a pixel that sees nothing, or a value below `floor`, becomes `floor`; everything is overwritten.
 // Max: the pixel becomes the maximum of its old value and the new one; a pixel that sees nothing keeps its value. The

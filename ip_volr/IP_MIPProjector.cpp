@@ -273,21 +273,20 @@ void IP_MIPProjector::shear(short* picture, short* output, int w, int h, IP_Box*
     x[0][2] = x[1][2] = x[2][0] = x[2][1] = x[3][2] = 0.0F;
     x[2][2] = 1.0F;
 
-    // Back to voxels, then to picture pixels. The origin counts from the corners of picture pixels, the warp from their
-    // centres: half a pixel less.
+    // Back to voxels, then to picture pixels, counted from their corners like the origin and the source of the zoom.
     float warp[4][4];
     const bool is_regular = IP_Minv(x, warp);
-    IP_Mtranslate(warp, ox - 0.5F, oy - 0.5F, 0.0F);
+    IP_Mtranslate(warp, ox, oy, 0.0F);
     bool is_usable = is_regular;
     for (int row : {0, 1, 3}) {
         is_usable = is_usable && std::isfinite(warp[row][0]) && std::isfinite(warp[row][1]);
     }
 
     // A slice seen edge on covers no pixel: an empty picture leaves the floor.
-    const IP_Dims picture_dims(is_usable ? w : 0, is_usable ? h : 0, 1);
+    const IP_Box picture_box(is_usable ? w : 0, is_usable ? h : 0, 1);
     if (overwrite != 0) {
-        LinShearZoomShortOver(warp, &picture_dims, screen, picture, output, threshold, nullptr, nullptr);
+        LinShearZoomShortOver(warp, &picture_box, screen, picture, output, threshold, nullptr, nullptr);
     } else if (is_usable) {
-        LinShearZoomShortMax(warp, &picture_dims, screen, picture, output, threshold);
+        LinShearZoomShortMax(warp, &picture_box, screen, picture, output, threshold);
     }
 }

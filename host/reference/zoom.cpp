@@ -105,7 +105,7 @@ public:
         for (int axis = 0; axis < 2; ++axis) {
             m_AlongRow[axis] = m[0][axis];
             m_AlongColumn[axis] = m[1][axis];
-            m_Origin[axis] = m[3][axis];
+            m_Origin[axis] = m[3][axis] - 0.5;
         }
     }
 
@@ -231,7 +231,7 @@ private:
     short* const m_Dst;
     double m_AlongRow[2];     // source pixels from one destination pixel to the next
     double m_AlongColumn[2];  // from one destination row to the next
-    double m_Origin[2];       // of the first destination pixel
+    double m_Origin[2];       // position of the first destination pixel, integers at source pixel centres from here on
     bool m_KeepsMaximum = false;
     short m_Floor = -32768;
 };

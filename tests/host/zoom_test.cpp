@@ -44,7 +44,7 @@ Image make_image(int width, int height, Fill kind, unsigned seed) {
 struct Matrix {
     float m[4][4];
 
-    // Turned by an angle, scaled, moved.
+    // Turned by an angle, scaled, moved by (x, y) from one pixel centre to another.
     Matrix(double degrees, double scale_x, double scale_y, double x, double y) {
         IP_Midnt(m);
         const double angle = degrees * 3.14159265358979 / 180.0;
@@ -52,8 +52,8 @@ struct Matrix {
         m[0][1] = static_cast<float>(scale_x * std::sin(angle));
         m[1][0] = static_cast<float>(-scale_y * std::sin(angle));
         m[1][1] = static_cast<float>(scale_y * std::cos(angle));
-        m[3][0] = static_cast<float>(x);
-        m[3][1] = static_cast<float>(y);
+        m[3][0] = static_cast<float>(x + 0.5);
+        m[3][1] = static_cast<float>(y + 0.5);
     }
 };
 
@@ -72,9 +72,9 @@ Image zoom(const Matrix& matrix, const Image& src, const Image& old, bool keep_m
 // The value that destination pixel (x, y) sees, or NaN for nothing.
 double model_value(const Matrix& matrix, const Image& src, int x, int y) {
     const double sx =
-        static_cast<double>(x) * matrix.m[0][0] + static_cast<double>(y) * matrix.m[1][0] + matrix.m[3][0];
+        static_cast<double>(x) * matrix.m[0][0] + static_cast<double>(y) * matrix.m[1][0] + matrix.m[3][0] - 0.5;
     const double sy =
-        static_cast<double>(x) * matrix.m[0][1] + static_cast<double>(y) * matrix.m[1][1] + matrix.m[3][1];
+        static_cast<double>(x) * matrix.m[0][1] + static_cast<double>(y) * matrix.m[1][1] + matrix.m[3][1] - 0.5;
     if (!(sx >= -0.5 && sx <= src.width - 0.5 && sy >= -0.5 && sy <= src.height - 0.5)) {
         return std::numeric_limits<double>::quiet_NaN();
     }
