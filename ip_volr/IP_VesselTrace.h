@@ -9,22 +9,33 @@
 
 namespace ip_volr {
 
-// Whether the host wants the next line of `function`.
-inline bool vessel_trace_wanted(const char* function, int line) {
-    return Tmr_LogFile::StoreParams("ip_volr/IP_Relate", function, line, kTraceDetail, kTraceFacility,
-                                    kTraceReserved) != 0;
-}
+// A statement that logs. Made of the name of its function where a call needs one, so that the line is the caller's.
+class VesselTraceStatement {
+public:
+    // NOLINTNEXTLINE(google-explicit-constructor)
+    VesselTraceStatement(const char* function, int line = __builtin_LINE()) : m_Function(function), m_Line(line) {}
 
-inline void vessel_trace(const char* function, const char* text) {
-    if (vessel_trace_wanted(function, __LINE__)) {
+    // Whether the host wants the statement's line.
+    bool IsWanted() const {
+        return Tmr_LogFile::StoreParams("ip_volr/IP_Relate", m_Function, m_Line, kTraceDetail, kTraceFacility,
+                                        kTraceReserved) != 0;
+    }
+
+private:
+    const char* m_Function;
+    int m_Line;
+};
+
+inline void vessel_trace(VesselTraceStatement statement, const char* text) {
+    if (statement.IsWanted()) {
         Tmr_LogFile::LogNoHeadline(text);
     }
 }
 
 // A printf-style line, formatted only when it is wanted. The longest line with its numbers stays below the buffer.
 template <class... Values>
-void vessel_trace(const char* function, const char* format, Values... values) {
-    if (vessel_trace_wanted(function, __LINE__)) {
+void vessel_trace(VesselTraceStatement statement, const char* format, Values... values) {
+    if (statement.IsWanted()) {
         char text[512];
         std::snprintf(text, sizeof(text), format, values...);
         Tmr_LogFile::LogNoHeadline(text);

@@ -24,6 +24,7 @@ struct Found {
     double centre[3] = {-1.0, -1.0, -1.0};
     VesselSearchRecord record;
     std::string trace;
+    std::size_t num_statements = 0;
 };
 
 constexpr int kLength = 60;
@@ -56,6 +57,7 @@ Found search_rendering(const Profile& profile, const Opacity& opacity = vessel_p
     found.status = find_vessel_center_volr(volume.get(), nullptr, tables, start, direction, 1.0, kLength, found.centre,
                                            opacity_state, &found.record);
     found.trace = log.Text();
+    found.num_statements = log.NumStatements();
     EXPECT_FALSE(log.HasHeadline());
     return found;
 }
@@ -96,6 +98,7 @@ TEST(VesselOnRendering, FindsTheMiddleOfAMediumVessel) {
     EXPECT_DOUBLE_EQ(found.centre[0], 25.0);
     EXPECT_DOUBLE_EQ(found.centre[1], 3.0);
     EXPECT_DOUBLE_EQ(found.record.length_mm, 5.0);
+    EXPECT_EQ(found.num_statements, 11U);
     EXPECT_EQ(found.trace,
               "\nSearching for internal vessel point\n"
               "oo+++++++++Medium intensity vessel (m=298.714286 std=1.253566)\n"

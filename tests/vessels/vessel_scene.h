@@ -6,6 +6,7 @@
 
 #include <functional>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -48,6 +49,7 @@ public:
         reference_host::LogToCallback([this](const reference_host::LogLine& line) {
             if (std::string(line.source) == "ip_volr/IP_Relate") {
                 m_Text += line.text;
+                m_Statements.insert(line.line);
                 m_HasHeadline = m_HasHeadline || line.headline;
             }
         });
@@ -61,9 +63,11 @@ public:
 
     const std::string& Text() const { return m_Text; }
     bool HasHeadline() const { return m_HasHeadline; }
+    std::size_t NumStatements() const { return m_Statements.size(); }  // as their line numbers tell
 
 private:
     std::string m_Text;
+    std::set<int> m_Statements;
     bool m_HasHeadline = false;
 };
 
