@@ -141,6 +141,7 @@ void IP_MIPProjector::Project(IP_VolRParamsMIP* p, IP_VolRBoxParamsMIP* a, IP_Vo
             ProjectBoxes(p, a, b, k);
         }
     } catch (const TCO_CANCEL_EXCEPTION&) {
+        IP_VOLR_TRACE(ip_volr::kTraceInformation, kSource, "IP_MIPProjector::Project", "Project: Cancelled\n");
         m_IsComplete = false;
     } catch (const std::bad_alloc&) {
         IP_VOLR_TRACE(ip_volr::kTraceError, kSource, "IP_MIPProjector::Project", "Out of memory\n");
