@@ -17,9 +17,8 @@ struct MipFrame;
 // A frame composites the slices that face the viewer, each shifted to its place on the viewing rays (sheared), by
 // signed 16-bit maximum into a picture, and then warps that picture onto the output image. There are two paths:
 //
-//   fast    the prepared copies of m_AltVolData at nearest voxels: a draws the slices of the not-transposed view, b
-//   those
-//           of the transposed one. Near 45 degrees both have slices.
+//   fast    the prepared copies of m_AltVolData at nearest voxels: a draws the slices of the not-transposed view,
+//           b those of the transposed one. Near 45 degrees both have slices.
 //   linear  the source volumes of m_VolData at full size, slices resampled bilinearly: everything is in a. Transposed
 //           slices, where they are needed, are made in the quota pool of the parameters.
 //
@@ -29,13 +28,10 @@ struct MipFrame;
 //     IP_VolRBoxParamsMIP a, b;                // kept across frames, one pair for each volume k
 //     IP_MIPProjector projector;
 //
-//     // Once for a volume. Slices carry unique identity texts. Voxels compare as signed 16-bit numbers, so unsigned
-//     data
-//     // must have at most 15 bits. For exact spacing of thick slices the first slice lies at z = slice distance
-//     divided by
-//     // pixel width (mm): GetSliceZf of the slices' box, at least 1.2, divided by 1.2 and limited to 16, says how
-//     often a
-//     // slice is drawn along its thickness.
+//     // Once for a volume. Slices carry unique identity texts. Voxels compare as signed 16-bit numbers, so
+//     // unsigned data must have at most 15 bits. For exact spacing of thick slices the first slice lies at
+//     // z = slice distance divided by pixel width (mm): GetSliceZf of the slices' box, at least 1.2, divided
+//     // by 1.2 and limited to 16, says how often a slice is drawn along its thickness.
 //     p.m_VolData = source;
 //     auto prepared = std::make_shared<IP_MultiVolDataIncMIP>();
 //     prepared->Rebuild(source.get(), nullptr, false, 2, pd_counter, tissue_counter, 0, false, minimum);  // fast only
@@ -43,12 +39,16 @@ struct MipFrame;
 //     b.m_MaxIntoOutput = 1;                   // a overwrites the output, b combines with it by maximum
 //     // With several volumes the first a overwrites and all further boxes have m_MaxIntoOutput = 1.
 //
-//     // When volume, picture shape or view mode change. Selector 1 for both paths: the picture must not move between
-//     them. p.m_Width = width; p.m_Height = height; p.m_OutputImage = image; projector.Reset(&p, 1);
+//     // When volume, picture shape or view mode change. Selector 1 for both paths: the picture must not move
+//     // between them.
+//     p.m_Width = width;
+//     p.m_Height = height;
+//     p.m_OutputImage = image;
+//     projector.Reset(&p, 1);
 //
-//     // Each frame. Rows of m_ViewMatrix take physical axes to virtual ones: x right, y down, z away from the viewer;
-//     a
-//     // rotation without scale. m_Zoom, m_PanX and m_PanY act on the picture plane, m_ClipManager (may be null) clips.
+//     // Each frame. Rows of m_ViewMatrix take physical axes to virtual ones: x right, y down, z away from the
+//     // viewer; a rotation without scale. m_Zoom, m_PanX and m_PanY act on the picture plane, m_ClipManager
+//     // (may be null) clips.
 //     projector.Project(&p, &a, &b, linear, k, threshold);
 //     projector.Shear(&p, &a, threshold);
 //     projector.Shear(&p, &b, threshold);      // does nothing when b has no part in the picture, as on the linear path

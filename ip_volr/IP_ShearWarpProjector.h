@@ -56,6 +56,7 @@ public:
     // Shift per slice in the first slice's plane, in voxels, that keeps points on one viewing ray together; each
     // component limited to 100. 0, or -1 when the plane is seen edge on and the shift is 0.
     int calc_zvec(float zvec[3], IP_Box* box, const float m[4][4], int dir);
+    // Direction codes of the transposed and of the not-transposed slices, from what calc_dir and calc_min_dir found.
     int set_trans_dir(int dir, int min_dir);
     int set_not_trans_dir(int dir, int min_dir);
     static void switch_dirs_x(IP_Box* box, int a, int b);  // exchanges two axes of a box
@@ -69,10 +70,11 @@ public:
     // ---- Pool of transposed slices
 
     // How many slices of the pool may be used when `wanted` are asked for and `max` exist: two are kept back for the
-    // neighbours of a batch unless the pool has room for them anyway.
+    // neighbours of a batch unless the pool has room for them anyway. Without a pool 0.
     unsigned int calc_slice_quota(int wanted, int max);
     // Makes the pool hold min(n + 2, slices of m_VolumeBox) blocks of m_VolumeBox's slice size at `factor` bytes a
-    // voxel, or fewer when the pager refuses. Throws std::bad_alloc with what it holds until then.
+    // voxel. When the pager refuses it holds fewer, and the quota table stays as it was, or empty when blocks in it are
+    // gone. Throws std::bad_alloc with what it holds until then.
     void allocate_quota_slice_chunk(IP_VolRParams* params, unsigned int n, float factor);
     int map_chunks_slices(IP_VolRParams* params);  // 0, or -1 at the first chunk that fails
     int unmap_chunks_slices(IP_VolRParams* params);
@@ -84,8 +86,13 @@ public:
     // Requests slices: [d_first - 1, d_last] unless m_Dir is 2; then the range between `first` and `last`, mirrored in
     // n slices unless `forward`, scaled by m_ZScale when `scaled`. Indices outside the room are ignored.
     void fast_requested_slices(int n, int first, int last, int d_first, int d_last, bool forward, bool scaled);
-    int map_fast_pre_requested_slices(IP_Slice** slices);  // 0 or -1
+    // Maps the requested ones of an array of slices in one call of the pager: 0, or -1 with none of them mapped. The
+    // second unmaps what the first mapped.
+    int map_fast_pre_requested_slices(IP_Slice** slices);
     void unmap_fast_pre_requested_slices();
+    // Maps a range of `slices`, which must lie inside that array, in one call: [first, last], as stored in n slices
+    // when m_Dir is 2 (see fast_requested_slices). 0, or -1 when nothing is mapped. The second unmaps that range when
+    // m_Dir is 2, else [d_first - 1, d_last].
     int map_fast_requested_slices(int reserved_a, int reserved_b, int n, IP_Slice** slices, int first, int last,
                                   int d_first, int d_last, bool forward, bool scaled);
     void unmap_fast_requested_slices(int reserved_a, int reserved_b, int n, IP_Slice** slices, int first, int last,

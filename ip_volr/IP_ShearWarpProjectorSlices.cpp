@@ -4,6 +4,7 @@
 #include "ip_volr/IP_VOLR_Trace.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -14,6 +15,15 @@ constexpr const char* kSource = "ip_volr/IP_ShearWarpProjector";
 
 int clamp_to_int(float v) {
     return static_cast<int>(std::clamp(v, -1e9F, 1e9F));
+}
+
+bool is_mapped(const IP_SliceChunk& chunk) {
+    for (unsigned i = 0; i < chunk.GetNumbSlices(); i++) {
+        if (chunk.GetMemInfo(i)->Ptr() != nullptr) {
+            return true;
+        }
+    }
+    return false;
 }
 
 // Writes the pool's blocks into the quota table, chunk by chunk.
@@ -55,10 +65,12 @@ void IP_ShearWarpProjector::allocate_quota_slice_chunk(IP_VolRParams* params, un
     const unsigned target = std::min(n + 2, static_cast<unsigned>(std::max(dims[2], 0)));
     const unsigned before = params->GetNumberSlicesInChunks();
     const unsigned kept = params->RemoveSmallSlicesChunks(dims[0], dims[1], factor);
-
-    if (kept < target) {
+    if (kept != before) {
         // The table must not show blocks that are gone, also when the pager refuses new ones.
         std::fill(params->m_QuotaSlices, params->m_QuotaSlices + params->m_QuotaCapacity, nullptr);
+    }
+
+    if (kept < target) {
         unsigned missing = target - kept;
         unsigned ask = missing;
         while (missing > 0) {
@@ -89,10 +101,13 @@ int IP_ShearWarpProjector::map_chunks_slices(IP_VolRParams* params) {
         if (chunks[i]->MapSlices() == 0) {
             continue;
         }
-        // QUIRK(pool-roll-back): a reader expects the chunks before the failed one to be unmapped, but the failed one
-        // is: not at all when it is the second, else i - 1 times, which for the first wraps to some four billion times.
-        // Unmapping what is not mapped changes nothing, so the effect is the same with none of these calls, and the
-        // chunks before stay mapped; kept: callers rely on it.
+        // QUIRK(pool-roll-back): a reader expects the chunks before the failed one to be unmapped, but they stay
+        // mapped and the failed one loses i - 1 mappings that it had before: none when it is the second, and all when
+        // it is the first, for which the count wraps to some four billion; kept: callers rely on it. Unmapping what is
+        // not mapped changes nothing, so the repetition ends there.
+        for (auto count = static_cast<std::uint32_t>(i) - 1; count != 0 && is_mapped(*chunks[i]); count--) {
+            chunks[i]->UnmapSlices();
+        }
         return -1;
     }
     return 0;
@@ -193,7 +208,7 @@ int IP_ShearWarpProjector::map_fast_requested_slices(int, int, int n, IP_Slice**
     IP_VOLR_TRACE(ip_volr::kTraceDetail, kSource, "IP_ShearWarpProjector::map_fast_requested_slices",
                   "map_fast_requested_slices: MapMemPagerInfoVec [%d - %d]\n", low, high);
     if (high < low) {
-        return 0;
+        return -1;  // nothing is mapped
     }
     return IP_SliceVector::MapIPSliceVec(slices + low, high - low + 1, nullptr, false, false) ? 0 : -1;
 }

@@ -189,13 +189,26 @@ TEST(ShearWarp, QuotaAndRequestsFollowTheirRules) {
     faults.refuse_map = 2;
     reference_host::SetPagerFaults(faults);
     EXPECT_EQ(p.map_chunks_slices(&params), -1) << "the first chunk stays mapped";
+    faults.refuse_map = 1;
+    reference_host::SetPagerFaults(faults);
+    EXPECT_EQ(p.map_chunks_slices(&params), -1) << "and loses all its mappings when it fails itself";
+    EXPECT_EQ(reference_host::GetPagerStatistics().mapped_blocks, 0);
+
+    // Growth that is refused leaves the table as it was.
+    params.m_VolumeBox = IP_Box(64, 64, 9);
+    faults = {};
+    faults.refuse_allocation = 1;
+    reference_host::SetPagerFaults(faults);
+    p.allocate_quota_slice_chunk(&params, 200, 2.0F);
     reference_host::SetPagerFaults({});
-    params.m_SliceChunks[0]->UnmapSlices();
+    EXPECT_EQ(params.GetNumberSlicesInChunks(), 5U);
+    EXPECT_EQ(params.m_QuotaSlices[0], params.m_SliceChunks[0]->GetMemInfo(0));
 
     ASSERT_TRUE(p.reset_RequestedSlice(8));
     p.m_Dir = 1;
     p.fast_requested_slices(8, 0, 0, 3, 4, true, false);
     EXPECT_EQ(marked(p, 8), "00111000");
+    EXPECT_EQ(p.map_fast_requested_slices(0, 0, 8, nullptr, 5, 4, 0, 0, true, false), -1) << "nothing to map";
     p.reset_RequestedSlice(8);
     p.m_Dir = 2;
     p.fast_requested_slices(8, 1, 2, 0, 0, false, false);
