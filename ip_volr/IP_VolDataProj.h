@@ -30,6 +30,8 @@
 // Reuse. The caller's hash map finds the record of a slice by its identity text. A block serves a slice again when text
 // and shape (sizes, factor, pixel size) agree; it is filled again only when a counter of its record is not the current
 // one. Slices without text, and further slices with a text that the volume already has, get blocks that nothing finds.
+// Two volumes with slices of one text share their blocks, with the orientation and the tissue of the last operation on
+// either; the other one follows when it is turned or refilled itself, and its slices must not be read before.
 //
 // Ownership. The object that was created owns its slice objects and its chunks (see ClearChunks), and through them the
 // blocks. A copy is a view: it refers to the same slice objects and source, owns no slices and no chunks, and must not
@@ -277,6 +279,7 @@ private:
     void subtask_check_transpose();
     void transpose_in_batches(int first, int last, bool check);
     int batch_size() const;
+    void follow_records();
     int count_oriented(int first, int last, bool transposed) const;
     IP_SliceIDInfo* slice_transpose_with_hash_update(int index, IP_Slice* work_slice, IP_SliceIDInfo* work_record);
     void reestablish_working_mem_with_hash_update(int index, IP_Slice* work_slice, IP_SliceIDInfo* work_record);

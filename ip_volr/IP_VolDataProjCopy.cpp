@@ -182,6 +182,7 @@ bool IP_VolDataProj::begin_refill(IP_VolData* source, bool transposed, int pd_co
         return false;
     }
 
+    follow_records();
     m_NewTissue = true;
     m_Transposed = transposed;
     m_OrigVolData = source;

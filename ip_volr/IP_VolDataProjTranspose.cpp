@@ -49,6 +49,7 @@ bool IP_VolDataProj::AreSlicesTransposed(int first, int last, bool wanted) const
 }
 
 bool IP_VolDataProj::CheckTransposed(bool wanted) {
+    follow_records();
     const int first = start_index();
     const int num_differing = count_oriented(first, m_NumbSlices, !wanted);
     if (num_differing == 0) {
@@ -61,7 +62,19 @@ bool IP_VolDataProj::CheckTransposed(bool wanted) {
     return true;
 }
 
+// Another volume of the map that holds the same slices may have moved them to other blocks.
+void IP_VolDataProj::follow_records() {
+    for (int i = 0; i < m_NumbSlices; i++) {
+        IP_Slice* const slice = GetSlice(i);
+        const IP_SliceIDInfo* const record = slice_record(i);
+        if (slice != nullptr && record != nullptr && slice->GetData() != record->GetData()) {
+            slice->SetData(record->GetData(), false);
+        }
+    }
+}
+
 void IP_VolDataProj::Transpose(int first, int last) {
+    follow_records();
     transpose_in_batches(first, last, false);
 
     // The volume as a whole is held as its slices are, once they agree.
@@ -72,6 +85,7 @@ void IP_VolDataProj::Transpose(int first, int last) {
 
 void IP_VolDataProj::CheckAndTransposed(int first, int last, bool wanted) {
     m_Transposed = wanted;
+    follow_records();
 
     // Slices that lie as wanted at either end need not be mapped, and so not come back from the pager's file.
     first = std::clamp(first, start_index(), m_NumbSlices);
@@ -198,6 +212,7 @@ bool IP_VolDataProj::Transpose2WorkSlice(int slice, int work) {
     if (!is_built() || record == nullptr || work < 0 || work >= static_cast<int>(m_NumbWorkSlices)) {
         return false;
     }
+    follow_records();
     const int x = static_cast<int>(m_ChunkX);
     const int y = static_cast<int>(m_ChunkY);
     const bool transposed = record->GetTransposed();

@@ -89,6 +89,25 @@ TEST_F(IncrementalTest, AGrowingSeriesCopiesOnlyWhatIsNew) {
     }
 }
 
+TEST_F(IncrementalTest, VolumesWithTheSameSlicesFollowEachOther) {
+    const SourceVolume a(40, 30, 5, 1);
+    const SourceVolume longer(40, 30, 7, 1);
+    IP_MultiVolData source = multi_volume({&a, &longer});
+    IP_MultiVolDataIncMIP data;
+    ASSERT_TRUE(rebuild(data, source));
+    IP_RealListVol nothing(*a.volume->GetBox());
+    for (const bool wanted : {true, false}) {
+        prepared(data, 0).CheckAndTransposed(0, 5, wanted);
+        prepared(data, 1).CheckAndTransposed(0, 7, wanted);
+        expect_slices(prepared(data, 0), a, kBackground);
+        expect_slices(prepared(data, 1), longer, kBackground);
+        prepared(data, 1).Transpose(2, 6);
+        auto& first = dynamic_cast<IP_VolDataMIP&>(prepared(data, 0));
+        ASSERT_TRUE(first.CopyFastFromSlow(a.volume.get(), &nothing, false, 1, 1, -32768));
+        expect_slices(first, a, kBackground);
+    }
+}
+
 TEST_F(IncrementalTest, EmptyAndOddSourcesAreNoTrouble) {
     const SourceVolume one(16, 16, 1, 1);
     const SourceVolume none(16, 16, 0, 2);
