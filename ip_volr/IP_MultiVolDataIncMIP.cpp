@@ -127,7 +127,6 @@ bool IP_MultiVolDataIncMIP::CopyWithTissue(IP_MultiVolData* source, IP_MultiReal
 }
 
 void IP_MultiVolDataIncMIP::SetSlowTissueList(IP_MultiRealListVol* tissues) {
-    m_SlowTissueList = tissues;
     for (int i = 0; i < GetNVolData(); i++) {
         if (IP_VolDataMIP* data = prepared_mip(i)) {
             data->SetSlowTissue(list_volume(tissues, i));

@@ -4,6 +4,7 @@
 #include "ip_volr/IP_MultiVolDataInc.h"
 #include "ip_volr/IP_VolDataMIP.h"
 
+// One prepared IP_VolDataMIP for each volume of the source. Ownership and threads: see IP_MultiVolDataInc.
 class IP_VOLR_EXPORT IP_MultiVolDataIncMIP : public IP_MultiVolDataInc {
 public:
     IP_MultiVolDataIncMIP() = default;
@@ -29,7 +30,8 @@ public:
     bool CopyWithTissue(IP_MultiVolData* source, IP_MultiRealListVol* tissues, bool transposed, int pd_counter,
                         int tissue_counter, int minimum_value, bool run);
 
-    // Masks of the slow (full-size) data, handed on to the prepared volumes; not owned, null for none.
+    // Hands the masks of slow (full-size) data on to the volumes that are prepared now, without filling anything; a
+    // rebuild brings its own. Not owned, null for none.
     void SetSlowTissueList(IP_MultiRealListVol* tissues);
 
 private:
@@ -48,6 +50,4 @@ private:
     bool add_prepared_volume(const IP_VolData& source, int i, const Preparation& p,
                              IP_VolDataProj::WorkerChunks worker_chunks);
     IP_VolDataMIP* prepared_mip(int i) const { return dynamic_cast<IP_VolDataMIP*>(GetVolData(i)); }
-
-    IP_MultiRealListVol* m_SlowTissueList = nullptr;
 };

@@ -6,6 +6,7 @@
 
 class IP_MultiVolRTisIndInc;
 
+// One prepared IP_VolDataVolR, of the source's biggest volume. Ownership and threads: see IP_MultiVolDataInc.
 class IP_VOLR_EXPORT IP_MultiVolDataIncVolR : public IP_MultiVolDataInc {
 public:
     IP_MultiVolDataIncVolR() = default;

@@ -5,6 +5,7 @@
 
 class IP_VolRTissueList;
 
+// One IP_VolTisInd, of the source's biggest volume. Ownership and threads: see IP_MultiVolDataInc.
 class IP_VOLR_EXPORT IP_MultiVolRTisIndInc : public IP_MultiVolDataInc {
 public:
     IP_MultiVolRTisIndInc() = default;

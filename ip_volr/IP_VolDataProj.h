@@ -172,9 +172,9 @@ public:
     int GetOrigY() const { return m_ReducedY; }
     int GetChunkX() const { return static_cast<int>(m_ChunkX); }  // padded size, not transposed
     int GetChunkY() const { return static_cast<int>(m_ChunkY); }
-    int GetFactor() const { return m_Factor; }
-    int GetNumberWorkSlices() const { return static_cast<int>(m_NumbWorkSlices); }
-    const IP_Box& GetSourceBox() const { return m_SourceBox; }  // the source's box at the creation
+    int GetFactor() const { return m_Factor; }                                      // reduction in x and y, 1 or 2
+    int GetNumberWorkSlices() const { return static_cast<int>(m_NumbWorkSlices); }  // W
+    const IP_Box& GetSourceBox() const { return m_SourceBox; }                      // the source's box at the creation
 
 protected:
     // ---- Supplied by the subclass. The copies return whether the destination now holds the slice: a source without
@@ -198,7 +198,10 @@ protected:
 
     // ---- Hooks
 
+    // Called before and after each preparation with the prepared box; does nothing here.
     virtual void update_slow_opacity_bvs(const IP_Box* box, int render_quality);
+    // What Transpose does to slice `index` (both mapped; x, y: padded size, not transposed): transposes it into the
+    // work slice's block, exchanges the blocks with their records, and returns the work slice's record.
     virtual IP_SliceIDInfo* fast_slice_transpose_with_hash_update(IP_Slice* slice, IP_Slice* work_slice,
                                                                   IP_SliceIDInfo* work_record, int x, int y, int index);
     // Whether a slice that is filled anew must be filled with tissue even if no tissue changed.
@@ -214,22 +217,22 @@ protected:
     IP_SliceIDInfo* slice_record(int index) const;  // null for a slice without block
     const std::vector<unsigned>& index_array() const { return m_IndexArray; }
 
-    bool m_Transposed = false;  // orientation in which the slices are wanted or held
-    IP_Box m_TransposedBox;     // the prepared box in the current direction
-    float m_BytesPerPixel = 0.0F;
-    int m_ReducedX = 0;  // source size divided by the factor
+    bool m_Transposed = false;     // orientation in which the slices are wanted or held
+    IP_Box m_TransposedBox;        // the prepared box in the current direction
+    float m_BytesPerPixel = 0.0F;  // of the prepared slices; less than 1 for packed voxels
+    int m_ReducedX = 0;            // source size divided by the factor
     int m_ReducedY = 0;
-    int m_NumbSlices = 0;
-    unsigned m_NumbWorkSlices = 0;
+    int m_NumbSlices = 0;                // Z
+    unsigned m_NumbWorkSlices = 0;       // W
     unsigned m_NumbNewSlices = 0;        // how many slices this preparation must fill
     std::vector<unsigned> m_IndexArray;  // which, in ascending order
-    bool m_NewTissue = false;
-    int m_Factor = 0;
-    int m_PDCounter = 0;
+    bool m_NewTissue = false;            // every slice is filled anew, with tissue
+    int m_Factor = 0;                    // reduction in x and y, 1 or 2
+    int m_PDCounter = 0;                 // versions of the source, which records are held to
     int m_TissueCounter = 0;
-    unsigned m_ChunkX = 0;
+    unsigned m_ChunkX = 0;  // padded size
     unsigned m_ChunkY = 0;
-    int m_RenderQuality = 0;
+    int m_RenderQuality = 0;               // 0 fast copies, 1 slow ones
     std::vector<IP_SliceChunk*> m_Chunks;  // owned; 0 is the work chunk
     SliceHashMap* m_Map = nullptr;         // the caller's
     IP_VolData* m_OrigVolData = nullptr;   // source, not owned
