@@ -30,15 +30,13 @@ public:
     void CancelAtPoint(long long k) { m_Countdown.store(k, std::memory_order_relaxed); }
     // Cancellation points passed since construction.
     long long PointsPassed() const { return m_Passed.load(std::memory_order_relaxed); }
-    // Each cancellation point between compound tasks calls this first, on the thread that the token is bound to: what
-    // is more urgent than the work can be done there, with all servers. What it throws the cancellation point throws.
-    // Set before the work begins.
+    // The thread that the token is bound to calls this first at each cancellation point, and before each of its
+    // subtasks: what is more urgent than the work can be done there. Of compound tasks begun there the workers draw
+    // subtasks as soon as they come to a cancellation point or a subtask of the work. What it throws the cancellation
+    // point or the compound task throws. Set before the work begins.
     void SetInterlude(std::function<void()> interlude) { m_Interlude = std::move(interlude); }
-    void RunInterlude() const {
-        if (m_Interlude) {
-            m_Interlude();
-        }
-    }
+    bool HasInterlude() const { return m_Interlude != nullptr; }
+    void RunInterlude() const { m_Interlude(); }
     // Called by each cancellation point; true when it must throw.
     bool Poll();
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "host/reference/settings.h"
 #include "host/tasks.h"
 
 #if defined(__x86_64__) || defined(__i386__)
@@ -99,6 +100,7 @@ void TaskPool::Execute(TCO_CompoundRunnableBase& runnable, int num_subtasks) {
     job.runnable = &runnable;
     job.num_subtasks = num_subtasks;
     job.token = running_subtask().token;
+    job.gives_way = job.token != nullptr && job.token->HasInterlude();
     const bool alone = NumberOfServers() == 1 || num_subtasks == 1 || running_subtask().in_compound_task;
     if (alone) {
         DrawSubtasks(job, running_subtask().server);
@@ -124,6 +126,7 @@ void TaskPool::Publish(Job& job) {
         end = &(*end)->newer;
     }
     *end = &job;
+    m_UrgentJobs.fetch_add(job.gives_way ? 0 : 1);
 }
 
 void TaskPool::Withdraw(const Job& job) {
@@ -133,6 +136,7 @@ void TaskPool::Withdraw(const Job& job) {
         link = &(*link)->newer;
     }
     *link = job.newer;
+    m_UrgentJobs.fetch_sub(job.gives_way ? 0 : 1);
 }
 
 void TaskPool::StartWorkers() {
@@ -171,12 +175,14 @@ void TaskPool::StopWorkers() {
 }
 
 void TaskPool::RunWorker(int server) {
+    running_subtask().server = server;
+    running_subtask().on_worker = true;
     while (true) {
         const std::uint32_t seen_generation = m_Generation.load();
         if (m_Stopping.load()) {
             return;
         }
-        if (Job* const job = JoinOldestJob()) {
+        if (Job* const job = JoinJob(true)) {
             DrawSubtasks(*job, server);
             LeaveJob(*job);
         } else {
@@ -185,16 +191,31 @@ void TaskPool::RunWorker(int server) {
     }
 }
 
-TaskPool::Job* TaskPool::JoinOldestJob() {
+// The oldest that does not give way and has subtasks to draw, or else the oldest that does.
+TaskPool::Job* TaskPool::JoinJob(bool also_giving_way) {
     const std::lock_guard<std::mutex> lock(m_Mutex);
-    Job* open = m_OldestJob;
-    while (open != nullptr && open->IsExhausted()) {
-        open = open->newer;
+    Job* found = nullptr;
+    for (Job* job = m_OldestJob; job != nullptr && (found == nullptr || found->gives_way); job = job->newer) {
+        if (!job->IsExhausted() && (!job->gives_way || (found == nullptr && also_giving_way))) {
+            found = job;
+        }
     }
-    if (open != nullptr) {
-        open->workers.fetch_add(1);
+    if (found != nullptr) {
+        found->workers.fetch_add(1);
     }
-    return open;
+    return found;
+}
+
+void TaskPool::GiveWay(const CancellationToken& token) {
+    if (!running_subtask().on_worker) {
+        const RunningScope scope({});
+        token.RunInterlude();
+    } else if (m_UrgentJobs.load(std::memory_order_relaxed) > 0) {
+        while (Job* const job = JoinJob(false)) {
+            DrawSubtasks(*job, running_subtask().server);
+            LeaveJob(*job);
+        }
+    }
 }
 
 // The job may be gone as soon as the count is down: only the pool is touched after that.
@@ -212,7 +233,10 @@ void TaskPool::DrawSubtasks(Job& job, int server) {
             return;
         }
         try {
-            const RunningScope scope({subtask, server, job.num_subtasks, true, job.token});
+            if (job.gives_way) {
+                GiveWay(*job.token);
+            }
+            const RunningScope scope({subtask, server, job.num_subtasks, true, job.token, running_subtask().on_worker});
             job.runnable->Run();
         } catch (...) {
             const std::lock_guard<std::mutex> lock(job.failure_mutex);

@@ -42,8 +42,8 @@ void TCO_RunnableSelf::Service() const {
     if (token == nullptr) {
         return;
     }
-    if (!running.in_compound_task) {
-        token->RunInterlude();
+    if (token->HasInterlude()) {
+        TaskPool::Instance().GiveWay(*token);
     }
     if (token->Poll()) {
         throw TCO_CANCEL_EXCEPTION();

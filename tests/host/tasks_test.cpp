@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <mutex>
 #include <set>
@@ -160,6 +161,52 @@ TEST_P(TasksTest, StagesWithinStagesRunOnTheSameThreadAndServer) {
     outer.Execute(6);
     EXPECT_EQ(runs, 6 * GetParam());
     EXPECT_EQ(wrong, 0);
+}
+
+TEST_P(TasksTest, WorkThatGivesWayLetsAllServersHelpWithWhatIsMoreUrgent) {
+    const std::thread::id caller = std::this_thread::get_id();
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    for (const int subtasks : {0, 40}) {
+        int interludes = 0;
+        std::atomic<int> wrong{0};
+        std::atomic<int> arrived{0};
+        std::atomic<bool> done{false};
+        // Its subtasks wait for each other, so that each needs a server of its own.
+        Stage urgent([&](const TCO_RunnableSelf& self) {
+            wrong += self.GetNumberOfSubtasks() != GetParam();
+            ++arrived;
+            while (arrived < GetParam() && std::chrono::steady_clock::now() < end) {
+                std::this_thread::yield();
+            }
+        });
+        CancellationToken token;
+        token.SetInterlude([&] {
+            const TCO_RunnableSelf self;
+            wrong += std::this_thread::get_id() != caller || self.GetNumberOfSubtasks() != 1;
+            // The first comes before the stage, the second is in it.
+            if (++interludes == 2) {
+                urgent.Execute(0);
+                done = true;
+            }
+        });
+        const CancellationScope scope(token);
+        TCO_RunnableSelf().Service();
+        std::vector<int> runs(static_cast<std::size_t>(subtasks == 0 ? GetParam() : subtasks));
+        Stage patient([&](const TCO_RunnableSelf& self) {
+            ++runs.at(static_cast<std::size_t>(self.GetSubtaskIndex()));
+            do {
+                self.Service();
+            } while (!done && std::chrono::steady_clock::now() < end);
+            const TCO_RunnableSelf after;
+            wrong +=
+                after.GetSubtaskIndex() != self.GetSubtaskIndex() || after.GetServerIndex() != self.GetServerIndex();
+        });
+        patient.Execute(subtasks);
+        EXPECT_TRUE(done);
+        EXPECT_EQ(arrived, GetParam());
+        EXPECT_EQ(wrong, 0);
+        EXPECT_EQ(runs, std::vector<int>(runs.size(), 1));
+    }
 }
 
 TEST_P(TasksTest, SeveralHostThreadsRunStagesAtOnce) {
