@@ -321,10 +321,7 @@ void ClientSession::ExportPicture(const ExportMessage& message) {
     const auto failed = Later(
         [request = message.request](ClientSession& self, const std::string& why) { self.FailRequest(request, why); });
     m_Outbox.SendText(ProgressMessage(message.request, 0.0));
-    m_Viewer.Drawing().Ask(m_Drawing, false, [=](ClientScene& scene, const SceneState&) {
-        if (cancelled->load()) {
-            return;
-        }
+    const auto draw = [=](ClientScene& scene, const SceneState&) {
         try {
             const Pane pane = {state->panes[static_cast<std::size_t>(message.pane)].mode, message.width,
                                message.height};
@@ -342,7 +339,8 @@ void ClientSession::ExportPicture(const ExportMessage& message) {
         } catch (const std::exception& error) {
             failed(std::string(error.what()));
         }
-    });
+    };
+    m_Viewer.Drawing().Ask(m_Drawing, false, draw, cancelled);
 }
 
 // Frame by frame: each asks for the next.
@@ -363,16 +361,14 @@ void ClientSession::ExportMovie(const ExportMessage& message) {
     const auto piece = std::make_shared<DrawingThread::SceneJob>();
     *piece = [=, self = std::weak_ptr(piece), &drawing = m_Viewer.Drawing(), client = m_Drawing](ClientScene& scene,
                                                                                                  const SceneState&) {
-        if (cancelled->load()) {
-            return;
-        }
         try {
             movie->DrawNext(scene);
             progress(movie->Fraction());
             if (movie->IsComplete()) {
                 done(std::make_shared<ShelvedFile>(ShelvedFile{name, "video/mp4", movie->Finish()}));
             } else if (const auto next = self.lock()) {
-                drawing.Ask(client, false, [next](ClientScene& s, const SceneState& newest) { (*next)(s, newest); });
+                drawing.Ask(
+                    client, false, [next](ClientScene& s, const SceneState& newest) { (*next)(s, newest); }, cancelled);
             }
         } catch (const TCO_CANCEL_EXCEPTION&) {
             throw;
@@ -381,8 +377,8 @@ void ClientSession::ExportMovie(const ExportMessage& message) {
         }
     };
     m_Outbox.SendText(ProgressMessage(message.request, 0.0));
-    m_Viewer.Drawing().Ask(m_Drawing, false,
-                           [piece](ClientScene& s, const SceneState& newest) { (*piece)(s, newest); });
+    m_Viewer.Drawing().Ask(
+        m_Drawing, false, [piece](ClientScene& s, const SceneState& newest) { (*piece)(s, newest); }, cancelled);
 }
 
 void ClientSession::ExportPoints(const ExportMessage& message) {
@@ -421,7 +417,7 @@ void ClientSession::Take(const CancelMessage& message) {
     if (found != m_Requests.end()) {
         found->second->store(true);
         m_Requests.erase(found);
-        m_Viewer.Drawing().Interrupt(m_Drawing);
+        m_Viewer.Drawing().DropCancelled(m_Drawing);
     }
 }
 

@@ -121,16 +121,17 @@ void DrawingThread::SetWaiting(ClientId id, int pane, bool waiting) {
     });
 }
 
-void DrawingThread::Ask(ClientId id, bool urgent, SceneJob job) {
+void DrawingThread::Ask(ClientId id, bool urgent, SceneJob job, Cancelled cancelled) {
     ChangeClient(id, [&](Client& client) {
-        (urgent ? client.urgent : client.patient).push_back(std::move(job));
+        (urgent ? client.urgent : client.patient).push_back({std::move(job), std::move(cancelled)});
         GiveWay(id, client);
     });
 }
 
-void DrawingThread::Interrupt(ClientId id) {
+void DrawingThread::DropCancelled(ClientId id) {
     ChangeClient(id, [&](const Client&) {
-        CancelRunning([id](const Running& running) { return running.step.id == id && running.step.IsPatient(); });
+        CancelRunning(
+            [id](const Running& running) { return running.step.id == id && running.step.work.IsCancelled(); });
     });
 }
 
@@ -293,9 +294,9 @@ void DrawingThread::ChooseWork(Step& step) {
     }
     step.kind = !client.urgent.empty() ? StepKind::kUrgent : best ? StepKind::kFrame : StepKind::kPatient;
     if (step.kind != StepKind::kFrame) {
-        std::deque<SceneJob>& jobs = step.IsPatient() ? client.patient : client.urgent;
-        step.scene_job = std::move(jobs.front());
-        jobs.pop_front();
+        std::deque<SceneWork>& works = step.IsPatient() ? client.patient : client.urgent;
+        step.work = std::move(works.front());
+        works.pop_front();
     }
 }
 
@@ -389,9 +390,9 @@ void DrawingThread::Finish(Running& running, bool completed) {
     Client& client = *step.client;
     if (step.kind == StepKind::kFrame) {
         NoteFrame(running, completed);
-    } else if (!completed && client.series == step.series) {
+    } else if (!completed && client.series == step.series && !step.work.IsCancelled()) {
         // What made way for others starts again later.
-        (step.IsPatient() ? client.patient : client.urgent).push_front(std::move(step.scene_job));
+        (step.IsPatient() ? client.patient : client.urgent).push_front(std::move(step.work));
     }
     if (step.IsPatient() && client.patient.empty()) {
         unused = std::move(client.patient_scene);
@@ -436,7 +437,9 @@ void DrawingThread::Perform(Running& running) {
             break;
         case StepKind::kUrgent:
         case StepKind::kPatient:
-            step.scene_job(SceneFor(step), step.state);
+            if (!step.work.IsCancelled()) {
+                step.work.job(SceneFor(step), step.state);
+            }
             break;
         case StepKind::kFrame:
             DrawFrame(running);

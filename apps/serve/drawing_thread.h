@@ -8,6 +8,7 @@
 #include "host/reference/settings.h"
 
 #include <array>
+#include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -54,6 +55,8 @@ public:
     using ClientId = DrawingTurns::ClientId;
     using Job = std::function<void()>;
     using SceneJob = std::function<void(ClientScene&, const SceneState&)>;
+    // Says that nobody wants a job any more; null: somebody always does.
+    using Cancelled = std::shared_ptr<const std::atomic<bool>>;
 
     DrawingThread();
     ~DrawingThread();
@@ -72,9 +75,9 @@ public:
     // Runs once with the client's newest state, soon; never when the client leaves first. Work that takes long comes in
     // pieces: each asks for the next. Pieces that are not `urgent` come after everybody's pictures, let others in
     // between, and have a scene of their own.
-    void Ask(ClientId client, bool urgent, SceneJob job);
-    // Begins the client's work in progress that is not urgent anew, so that it notices what it looks at when it begins.
-    void Interrupt(ClientId client);
+    void Ask(ClientId client, bool urgent, SceneJob job, Cancelled cancelled = nullptr);
+    // Ends the client's work in progress when that is cancelled. What has not begun never will.
+    void DropCancelled(ClientId client);
     // Runs once before anything else that has not begun; not cancelled for anybody. With the series that it is about it
     // does not wait for patient work on others.
     void Run(Job job, std::shared_ptr<OpenedSeries> about = nullptr);
@@ -94,13 +97,19 @@ private:
         bool finished = false;    // nothing is left to draw for this state
         bool moved = false;       // a moving picture was drawn some time
     };
+    struct SceneWork {
+        SceneJob job;
+        Cancelled cancelled;
+
+        bool IsCancelled() const { return cancelled != nullptr && cancelled->load(); }
+    };
     struct Client {
         std::shared_ptr<ClientPort> port;
         std::shared_ptr<OpenedSeries> series;
         std::optional<SceneState> state;
         std::array<PaneProgress, kMostPanes> panes;
-        std::deque<SceneJob> urgent;
-        std::deque<SceneJob> patient;
+        std::deque<SceneWork> urgent;
+        std::deque<SceneWork> patient;
         // Used by the drawing thread alone; made for `series`. What is patient has engines of its own, since pictures
         // are drawn while it is half done.
         std::unique_ptr<ClientScene> scene;
@@ -129,7 +138,7 @@ private:
         int pane = 0;
         SceneState state;
         Job job;
-        SceneJob scene_job;
+        SceneWork work;
         std::shared_ptr<OpenedSeries> series;
 
         bool IsPatient() const { return kind == StepKind::kPatient; }

@@ -163,17 +163,36 @@ TEST(DrawingThread, PatientWorkLetsEverybodyInAndDrawsTheSame) {
             meanwhile = room.frames - before;
         } while (meanwhile == 0 && serve::Clock::now() < end);
         own->Rest();
-        if (begun == 1) {
-            room.drawing.Interrupt(own->id);
-        }
+        // What is cancelled before it begins is none of its business.
+        const auto cancelled = std::make_shared<std::atomic<bool>>(true);
+        room.drawing.Ask(
+            own->id, false, [](serve::ClientScene&, const SceneState&) { ADD_FAILURE(); }, cancelled);
+        room.drawing.DropCancelled(own->id);
         TCO_RunnableSelf().Service();
         done.set_value(picture);
     });
     std::future<scene::Picture> picture = done.get_future();
     ASSERT_EQ(picture.wait_for(kPatience), std::future_status::ready);
-    EXPECT_EQ(begun, 2);
+    EXPECT_EQ(begun, 1);
     EXPECT_GT(meanwhile, 0);
     EXPECT_EQ(picture.get().pixels, expected.pixels);
+
+    // Cancelled half-way it ends, once; what was asked for after it follows.
+    const auto cancelled = std::make_shared<std::atomic<bool>>(false);
+    room.drawing.Ask(
+        own->id, false,
+        [&](serve::ClientScene&, const SceneState&) {
+            ++begun;
+            *cancelled = true;
+            room.drawing.DropCancelled(own->id);
+            TCO_RunnableSelf().Service();
+            ADD_FAILURE() << "it was not cancelled";
+        },
+        cancelled);
+    std::promise<void> next;
+    room.drawing.Ask(own->id, false, [&](serve::ClientScene&, const SceneState&) { next.set_value(); });
+    ASSERT_EQ(next.get_future().wait_for(kPatience), std::future_status::ready);
+    EXPECT_EQ(begun, 2);
 }
 
 }  // namespace
