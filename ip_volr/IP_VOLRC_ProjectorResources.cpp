@@ -5,7 +5,6 @@
 #include "ip_volr/IP_VOLRC_ProjectorInternal.h"
 
 #include <algorithm>
-#include <cstring>
 #include <new>
 
 using ip_volr::kFrameMemory;
@@ -112,6 +111,7 @@ bool IP_VOLRC_Projector::UnmapRasters() {
 
 // ---- Ray pool
 
+// The rays themselves are set when a frame attaches them.
 void IP_VOLRC_Projector::InitRayPool() {
     if (m_OutputWidth < 1) {
         return;
@@ -131,10 +131,7 @@ void IP_VOLRC_Projector::InitRayPool() {
         const Bytes num_bytes = static_cast<Bytes>(rows) * static_cast<Bytes>(m_OutputWidth) * sizeof(_listRay);
         m_RayPages[page] = static_cast<_listRay*>(allocate_mapped(num_bytes, m_RayPageInfos[page]));
         complete = m_RayPages[page] != nullptr;
-        if (complete) {
-            std::memset(static_cast<void*>(m_RayPages[page]), 0, num_bytes);
-            m_NumRayPages = page + 1;
-        }
+        m_NumRayPages += complete ? 1 : 0;
     }
     if (!complete) {
         IP_VOLR_TRACE(ip_volr::kTraceError, IP_VOLRC_PROJECTOR_SOURCE, "IP_VOLRC_Projector::InitRayPool",
