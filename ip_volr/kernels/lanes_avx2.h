@@ -52,6 +52,10 @@ struct Avx2Lanes {
     static Int shift_right(Int a) {
         return _mm256_srli_epi32(a, bits);
     }
+    template <int bits>
+    static Int shift_right_signed(Int a) {
+        return _mm256_srai_epi32(a, bits);
+    }
     static Int bit_and(Int a, Int b) { return _mm256_and_si256(a, b); }
     static Int bit_and_not(Int a, Int b) { return _mm256_andnot_si256(a, b); }
     static Int bit_or(Int a, Int b) { return _mm256_or_si256(a, b); }
@@ -109,6 +113,8 @@ struct Avx2Lanes {
     static Int set_16(int value) { return _mm256_set1_epi16(static_cast<short>(value)); }
     static Int add_16(Int a, Int b) { return _mm256_add_epi16(a, b); }
     static Int mul_low_16(Int a, Int b) { return _mm256_mullo_epi16(a, b); }
+    // (a b + 2^14) / 2^15 of signed words.
+    static Int mul_rounded_16(Int a, Int b) { return _mm256_mulhrs_epi16(a, b); }
     static Int min_16(Int a, Int b) { return _mm256_min_epi16(a, b); }
     static Int max_16(Int a, Int b) { return _mm256_max_epi16(a, b); }
     static Int min_unsigned_16(Int a, Int b) { return _mm256_min_epu16(a, b); }
@@ -123,6 +129,9 @@ struct Avx2Lanes {
         return _mm256_srli_epi16(a, bits);
     }
 
+    // The signed lanes of a and b as words, saturated.
+    static Int pack_words(Int a, Int b) { return _mm256_permute4x64_epi64(_mm256_packs_epi32(a, b), 0xD8); }
+
     // Bytes.
     static Int pack_bytes(Int a, Int b) { return _mm256_packus_epi16(a, b); }
     static Int shuffle_bytes(Int a, Int order) { return _mm256_shuffle_epi8(a, order); }
@@ -130,6 +139,12 @@ struct Avx2Lanes {
     // These work within each 128 bits.
     static Int low_bytes(Int a, Int b) { return _mm256_unpacklo_epi8(a, b); }
     static Int high_bytes(Int a, Int b) { return _mm256_unpackhi_epi8(a, b); }
+    static Int low_words(Int a, Int b) { return _mm256_unpacklo_epi16(a, b); }
+    static Int high_words(Int a, Int b) { return _mm256_unpackhi_epi16(a, b); }
+    // The signed lanes of a and b as words, saturated. They are in order when the lanes of a have these numbers, and
+    // those of b four more.
+    static Int pack_words_within(Int a, Int b) { return _mm256_packs_epi32(a, b); }
+    static Int lane_numbers_of_low_words() { return _mm256_setr_epi32(0, 1, 2, 3, 8, 9, 10, 11); }
     static Int low_lanes(Int a, Int b) { return _mm256_unpacklo_epi32(a, b); }
     static Int high_lanes(Int a, Int b) { return _mm256_unpackhi_epi32(a, b); }
     // The first word of each four in all four.
