@@ -259,6 +259,17 @@ void IP_MIPProjector::Shear(IP_VolRParamsMIP* p, IP_VolRBoxParamsMIP* box, int t
     }
 }
 
+// The box's mapped picture, for the slices of the working box.
+void IP_MIPProjector::clear_picture(IP_VolRBoxParamsMIP& box, const IP_Box& working_box) {
+    ip_volr::MipFrame& f = *m_Frame;
+    f.pixels = ip_volr::picture_pixels(box.m_Picture);
+    f.kernels->fill(f.pixels, static_cast<std::size_t>(f.width) * static_cast<std::size_t>(f.height),
+                    static_cast<std::int16_t>(m_Background));
+    box.m_Box = working_box;
+    box.m_PictureWidth = f.width;
+    box.m_PictureHeight = f.height;
+}
+
 void IP_MIPProjector::shear(short* picture, short* output, int w, int h, IP_Box* box, IP_Box* screen, float m[][4],
                             float ox, float oy, int overwrite, int threshold) {
     // From voxels of the first slice to output pixels.

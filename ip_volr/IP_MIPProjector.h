@@ -121,6 +121,7 @@ private:
     void scale_thick_slices(IP_Box& working_box);
     bool place_slices(IP_VolRParamsMIP* p, IP_VolRBoxParamsMIP* box, IP_Box& working_box, float (&m)[4][4]);
     void place_between_pixels(const IP_VolRBoxParamsMIP& box, IP_Box& working_box, float (&m)[4][4]);
+    void clear_picture(IP_VolRBoxParamsMIP& box, const IP_Box& working_box);
     void set_depth_weights(IP_VolRParamsMIP* p, const IP_Box& working_box, const float (&m)[4][4]);
     void take_linear_bounds(IP_VolRParamsMIP* p, int k, bool transposed);
     void take_transposed_blocks(IP_VolRParamsMIP* p);

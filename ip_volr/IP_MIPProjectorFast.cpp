@@ -127,12 +127,7 @@ void IP_MIPProjector::ProjectBox(IP_VolRParamsMIP* p, IP_VolRBoxParamsMIP* box, 
         m_IsComplete = false;
         return;
     }
-    f.pixels = ip_volr::picture_pixels(box->m_Picture);
-    f.kernels->fill(f.pixels, static_cast<std::size_t>(f.width) * static_cast<std::size_t>(f.height),
-                    static_cast<std::int16_t>(m_Background));
-    box->m_Box = working_box;
-    box->m_PictureWidth = f.width;
-    box->m_PictureHeight = f.height;
+    clear_picture(*box, working_box);
     const int per_batch = slices_per_batch();
     m_NumBatches = m_SliceCount / per_batch + 1;
     for (m_Batch = 0; m_Batch < m_NumBatches; m_Batch++) {

@@ -213,12 +213,7 @@ void IP_MIPProjector::LinProjectBox(IP_VolRParamsMIP* p, IP_VolRBoxParamsMIP* bo
         m_IsComplete = false;
         return;
     }
-    f.pixels = ip_volr::picture_pixels(box->m_Picture);
-    f.kernels->fill(f.pixels, static_cast<std::size_t>(f.width) * static_cast<std::size_t>(f.height),
-                    static_cast<std::int16_t>(m_Background));
-    box->m_Box = working_box;
-    box->m_PictureWidth = f.width;
-    box->m_PictureHeight = f.height;
+    clear_picture(*box, working_box);
     if (m_Dir == 2) {
         LinProjectXYSlices();
     } else {
