@@ -30,7 +30,7 @@ std::string PointsMarkups(const std::vector<ExportedPoint>& points) {
 }
 
 std::string PointsCsv(const std::vector<ExportedPoint>& points) {
-    std::string csv = "label,x_mm,y_mm,z_mm,description\r\n";
+    std::string csv = "label,x_lps_mm,y_lps_mm,z_lps_mm,description\r\n";
     for (const ExportedPoint& p : points) {
         char numbers[96];
         std::snprintf(numbers, sizeof numbers, ",%.3f,%.3f,%.3f,", p.position_mm.x, p.position_mm.y, p.position_mm.z);

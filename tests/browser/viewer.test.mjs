@@ -245,7 +245,44 @@ onPage("a vessel pick lands on the centre line, points carry their value, distan
     assert.ok(apart(markups.controlPoints[0].position, marks[0].position) < 1e-3);
     const csv = (await save("Save CSV")).trim().split("\n");
     assert.equal(csv.length, 6);
+    assert.match(csv[0], /x_lps_mm,y_lps_mm,z_lps_mm/);
     assert.ok(csv[1].includes("V1"));
+});
+
+onPage("a first visit on a phone picks a vessel and reads its centre, without opening anything", async viewer => {
+    // What is said meanwhile stands above the hint.
+    await viewer.page.evaluate(async () => (await import("/www/notices.js")).say("A sentence"));
+    const [hint, notice] = await Promise.all(["#hint", ".notice"].map(name => viewer.page.locator(name).boundingBox()));
+    assert.ok(hint && notice && notice.y + notice.height <= hint.y, JSON.stringify([hint, notice]));
+    await viewer.page.getByRole("button", { name: "finds the middle of a vessel" }).tap();
+    const { points } = head.vessels.find((/** @type {any} */ v) => v.name === "right_common_carotid");
+    const place = await viewer.place(points[Math.floor((points.length * 3) / 4)].slice(0, 3));
+    await viewer.page.touchscreen.tap(place.x, place.y);
+    const centre = viewer.page.locator(".mark-text").last();
+    await centre.waitFor();
+    const [mark] = (await viewer.state()).marks;
+    const numbers = (await centre.textContent())?.match(/[\d.]+/g)?.map(Number) ?? [];
+    assert.ok(mark.kind === "vessel" && apart(numbers, mark.position.map(Math.abs)) < 0.1, `${numbers}, ${mark.position}`);
+    const [text, pane] = [await centre.boundingBox(), await viewer.bounds()];
+    assert.ok(text && text.x >= pane.x && text.x + text.width <= pane.x + pane.width, JSON.stringify(text));
+}, { viewport: { width: 390, height: 844 }, hasTouch: true, isMobile: true });
+
+onPage("window values beside a picture are the picture's own, and letters are read on a light background", async viewer => {
+    await viewer.page.keyboard.press("t");
+    await viewer.rest();
+    // As for a slab whose window the server chose anew.
+    await viewer.page.locator("#stage").evaluate(stage =>
+        stage.dispatchEvent(new CustomEvent("picture", { detail: { window: { centre: 40, width: 350 } } })));
+    const centre = viewer.page.getByRole("spinbutton", { name: /^Centre.*number/ });
+    assert.equal(await centre.inputValue(), "40");
+    await centre.fill("60");
+    await centre.press("Enter");
+    await viewer.rest();
+    assert.deepEqual((await viewer.shown()).window, { centre: 60, width: 350 });
+
+    await viewer.update({ mode: "render", background: "#f0f0f0" });
+    const [red] = (await viewer.page.locator(".legend").first().evaluate(node => getComputedStyle(node).color)).match(/\d+/g) ?? [];
+    assert.ok(Number(red) < 60, red);
 });
 
 onPage("everything is reached and named without a mouse", async viewer => {

@@ -189,7 +189,7 @@ TEST(Server, AnswersPicksExportsAndNonsense) {
                {"kind", "csv"},
                {"points", {{{"label", "=1+1"}, {"position", {1, 2, 3.5}}, {"description", "a \"b\", c"}}}}});
     EXPECT_EQ(Get(server, page.Await("file").json["url"]).body,
-              "label,x_mm,y_mm,z_mm,description\r\n\"'=1+1\",1.000,2.000,3.500,\"a \"\"b\"\", c\"\r\n");
+              "label,x_lps_mm,y_lps_mm,z_lps_mm,description\r\n\"'=1+1\",1.000,2.000,3.500,\"a \"\"b\"\", c\"\r\n");
 
     // Wrong messages change nothing, until there are too many.
     Json wrong = Scene(2, "mip");

@@ -10,16 +10,27 @@ import { clamp } from "./vectors.js";
  * A slider with a number beside it.
  * @param {object} what
  * @param {string} what.label
- * @param {string} [what.unit]
+ * @param {string | (() => string)} [what.unit] may change with the volume
  * @param {() => [low: number, high: number]} what.range may change with the volume
  * @param {number} what.step
  * @param {(state: State) => number} what.get
  * @param {(value: number) => Partial<State>} what.set
  */
 export function slider({ label, unit = "", range, step, get, set }) {
-    const name = unit === "" ? label : `${label}, ${unit}`;
-    const bar = html("input", { type: "range", step, "aria-label": name });
-    const box = html("input", { type: "number", step: "any", "aria-label": `${name}, as a number` });
+    const unitNow = typeof unit === "string" ? () => unit : unit;
+    const bar = html("input", { type: "range", step });
+    const box = html("input", { type: "number", step: "any" });
+    const unitText = html("span", { class: "unit", "aria-hidden": "true" });
+    let named = "";
+    const name = () => {
+        const full = [label, unitNow()].filter(Boolean).join(", ");
+        if (full !== named) {
+            named = full;
+            unitText.textContent = unitNow();
+            bar.setAttribute("aria-label", full);
+            box.setAttribute("aria-label", `${full}, as a number`);
+        }
+    };
     bar.addEventListener("input", () => store.update(set(bar.valueAsNumber), { moving: true }));
     bar.addEventListener("change", () => store.settle());
     box.addEventListener("change", () => {
@@ -28,6 +39,7 @@ export function slider({ label, unit = "", range, step, get, set }) {
     });
     const digits = Math.max(0, -Math.floor(Math.log10(step)));
     store.subscribe(() => {
+        name();
         const [low, high] = range();
         bar.min = String(low);
         bar.max = String(high);
@@ -39,7 +51,7 @@ export function slider({ label, unit = "", range, step, get, set }) {
         }
     });
     return html("div", { class: "field" }, html("span", { class: "name", "aria-hidden": "true" }, label),
-        html("span", { class: "amount" }, box, html("span", { class: "unit", "aria-hidden": "true" }, unit)), bar);
+        html("span", { class: "amount" }, box, unitText), bar);
 }
 
 /** @param {string} label @param {(state: State) => boolean} get @param {(on: boolean) => Partial<State>} set */

@@ -6,7 +6,7 @@ import { paneModes } from "./protocol.js";
 import { store } from "./state.js";
 import { turnBetween } from "./trackball.js";
 import { clamp } from "./vectors.js";
-import { open } from "./volume.js";
+import { open, windowOf } from "./volume.js";
 
 /** @typedef {import("./panes.js").Pane} Pane */
 /** @typedef {{x: number, y: number}} Point pixels of the pane's picture */
@@ -39,7 +39,7 @@ export function adjust(pane, dx, dy) {
             opacity: clamp(Math.max(state.opacity, 0.02) * Math.exp(dx / 200), 0.02, 10),
         }, { moving: true });
     } else {
-        const window = state.window ?? pane.shown?.window ?? open.volume?.window ?? { centre: 0, width: 1 };
+        const window = windowOf(state);
         const step = Math.max(window.width, (high - low) / 200) / 300;
         store.update({
             window: {

@@ -96,13 +96,15 @@ export function listenToKeys(actions) {
         }
         const target = /** @type {HTMLElement} */ (event.target);
         const onPane = target === document.body || target.classList.contains("pane");
-        if (event.ctrlKey || event.metaKey || event.defaultPrevented || document.querySelector("dialog[open]") !== null ||
+        // Some keyboards have brackets and braces on a key that counts as Ctrl and Alt.
+        const isTyped = event.getModifierState("AltGraph");
+        if ((event.ctrlKey && !isTyped) || event.metaKey || event.defaultPrevented || document.querySelector("dialog[open]") !== null ||
             target.matches("input:not([type=range], [type=checkbox]), select, textarea")) {
             return;
         }
         // Arrows and Enter belong to whatever control has the focus.
         const isOwn = arrows.includes(event.key) || ["Enter", "Home"].includes(event.key);
-        if ((isOwn && !onPane) || (event.altKey && !arrows.includes(event.key))) {
+        if ((isOwn && !onPane) || (event.altKey && !isTyped && !arrows.includes(event.key))) {
             return;
         }
         const key = event.key.length === 1 ? event.key.toLowerCase() : event.key;

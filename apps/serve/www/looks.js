@@ -3,7 +3,7 @@
 import { html } from "./dom.js";
 import { button, choice, onlyIf, section, slider, toggle } from "./fields.js";
 import { store } from "./state.js";
-import { open } from "./volume.js";
+import { open, windowOf } from "./volume.js";
 
 /** @typedef {import("./state.js").State} State */
 
@@ -14,8 +14,8 @@ const hasSlab = (/** @type {State} */ state) => state.mode === "slab" || (state.
 /** @returns {[number, number]} */
 const range = () => open.volume?.range ?? [0, 1];
 const breadth = () => range()[1] - range()[0];
-/** What the pictures show when the state says nothing. */
-const window = () => store.state.window ?? open.volume?.window ?? { centre: 0, width: 1 };
+const window = () => windowOf(store.state);
+const unit = () => open.volume?.unit ?? "";
 
 const retryMs = 1500;
 
@@ -76,7 +76,7 @@ export function presetMenu() {
 
 export function renderingSection() {
     const shift = slider({
-        label: "Shift", unit: open.volume?.unit, step: 1, range: () => [-Math.min(1000, breadth() / 2), Math.min(1000, breadth() / 2)],
+        label: "Shift", unit, step: 1, range: () => [-Math.min(1000, breadth() / 2), Math.min(1000, breadth() / 2)],
         get: s => s.shift, set: value => ({ shift: value }),
     });
     const opacity = slider({ label: "Opacity", step: 0.01, range: () => [0, 4], get: s => s.opacity, set: value => ({ opacity: value }) });
@@ -101,10 +101,10 @@ export function renderingSection() {
 
 export function windowSection() {
     const centre = slider({
-        label: "Centre", step: 1, range, get: () => window().centre, set: value => ({ window: { ...window(), centre: value } }),
+        label: "Centre", unit, step: 1, range, get: () => window().centre, set: value => ({ window: { ...window(), centre: value } }),
     });
     const width = slider({
-        label: "Width", step: 1, range: () => [1, breadth()], get: () => window().width, set: value => ({ window: { ...window(), width: value } }),
+        label: "Width", unit, step: 1, range: () => [1, breadth()], get: () => window().width, set: value => ({ window: { ...window(), width: value } }),
     });
     const cue = slider({
         label: "Darker with depth", unit: "%", step: 1, range: () => [0, 100],

@@ -28,7 +28,10 @@ import { open } from "./volume.js";
 /** @typedef {import("./protocol.js").Volume} Volume */
 
 const connection = new Connection();
-const panes = [0, 1].map(index => new Pane(index, () => sendScene()));
+const panes = [0, 1].map(index => new Pane(index, () => {
+    moveCross(0, 0);
+    sendScene();
+}));
 const overlays = panes.map(pane => new Overlay(pane));
 overlays.forEach(overlay => new Handles(overlay));
 const startPage = new StartPage(openSeries);
@@ -86,6 +89,7 @@ function openSeries(id) {
 function closeVolume() {
     isOpened = false;
     open.volume = null;
+    open.window = null;
     sentScene = "";
     panes.forEach(pane => {
         pane.clear();
@@ -218,15 +222,14 @@ function furnish() {
     ], s => s.mode, value => setMode(/** @type {any} */ (value))));
     const viewChoice = () => choice("View", views.map(v => ({ value: v.face, label: v.face, title: `${v.name} view (${v.face})` })),
         s => faceOf(s.camera)?.face ?? "", value => store.update({ camera: lookAt(store.state.camera, /** @type {any} */ (value)) }));
-    const toolChoice = () => choice("A click picks", [
+    byId("tools").append(choice("A click picks", [
         { value: "point", label: "Point", title: "A click marks a point and its value (1)" },
         { value: "vessel", label: "Vessel", title: "A click finds the middle of a vessel (2)" },
         { value: "distance", label: "Distance", title: "Two clicks measure a distance (3)" },
-    ], s => s.tool, value => store.update({ tool: /** @type {any} */ (value) }));
+    ], s => s.tool, value => store.update({ tool: /** @type {any} */ (value) })));
     byId("views").append(viewChoice());
-    byId("tools").append(toolChoice());
     byId("panel").append(html("div", { id: "views-too" }, viewChoice()), renderingSection(), windowSection(), slabSection(), tissueSection(), cutSection(),
-        markSection(html("div", { class: "narrow-only" }, toolChoice()), kind => exporting.saveMarks(kind)), exporting.element, speed.element);
+        markSection(kind => exporting.saveMarks(kind)), exporting.element, speed.element);
 
     const help = makeHelp();
     /** @type {[string, () => void][]} */
@@ -259,7 +262,12 @@ function moveCross(dx, dy) {
 }
 
 furnish();
-byId("stage").addEventListener("picture", () => {
+byId("stage").addEventListener("picture", event => {
+    const { window } = /** @type {CustomEvent<import("./protocol.js").PictureHeader>} */ (event).detail;
+    if (store.state.window === null && window !== null && JSON.stringify(window) !== JSON.stringify(open.window)) {
+        open.window = window;
+        store.update({}, { moving: store.moving });
+    }
     if (open.volume?.complete) {
         showLoading(null, 1);
     }

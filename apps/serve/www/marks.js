@@ -32,8 +32,8 @@ function item(mark, index) {
         html("span", { class: "quiet position" }, positionText(mark.position)));
 }
 
-/** @param {HTMLElement} tools @param {(kind: "markups" | "csv") => void} save */
-export function markSection(tools, save) {
+/** @param {(kind: "markups" | "csv") => void} save */
+export function markSection(save) {
     const list = html("ol", { class: "marks", "aria-label": "Marks" });
     const empty = html("p", { class: "quiet" }, "Click the picture to mark a point. Choose Vessel to find the middle of a vessel, Distance to measure.");
     const buttons = html("div", { class: "buttons" },
@@ -51,5 +51,5 @@ export function markSection(tools, save) {
             buttons.hidden = marks.length === 0;
         }
     });
-    return section("Marks", true, tools, empty, list, buttons);
+    return section("Marks", true, empty, list, buttons);
 }

@@ -5,8 +5,8 @@ import { faceOf } from "./camera.js";
 import { html, setAttributes, svg } from "./dom.js";
 import { paneModes } from "./protocol.js";
 import { store } from "./state.js";
-import { length, scale as scaled } from "./vectors.js";
-import { letters, open, project } from "./volume.js";
+import { clamp, length, scale as scaled } from "./vectors.js";
+import { letters, open, positionText, project } from "./volume.js";
 
 /** @typedef {import("./panes.js").Pane} Pane */
 /** @typedef {import("./state.js").Mark} Mark */
@@ -19,6 +19,12 @@ export function scaleBarMm(widthMm) {
 
 /** @param {number} mm */
 const lengthText = mm => (mm >= 10 ? `${mm / 10} cm` : `${mm} mm`);
+
+/** Whether black is read better than white on it. @param {string} colour #RRGGBB */
+function isLight(colour) {
+    const [r, g, b] = [1, 3, 5].map(i => (parseInt(colour.slice(i, i + 2), 16) / 255) ** 2.2);
+    return 0.2126 * r + 0.7152 * g + 0.0722 * b > 0.18;
+}
 
 /** What is known of a mark, in few words. @param {Mark} mark */
 export const amountOf = mark => {
@@ -34,6 +40,22 @@ export const amountOf = mark => {
 /** @param {Mark["kind"]} kind @param {{x: number, y: number}} at */
 const spot = (kind, at) => svg("g", { class: `spot ${kind}`, transform: `translate(${at.x} ${at.y})` },
     svg("circle", { r: kind === "vessel" ? 7 : 4 }), svg("path", { d: "M-2 0H2M0 -2V2" }));
+
+/** What a letter of a mark's text takes at most, CSS pixels. */
+const letterCss = 7.5;
+
+// Text to the right of a place, or to its left where it would leave the picture.
+/** @param {{x: number, y: number}} at @param {string} text @param {number} width of the picture */
+function beside(at, text, width) {
+    const isLeft = at.x + 10 + letterCss * text.length > width;
+    return svg("text", { class: "mark-text", "text-anchor": isLeft ? "end" : "start", x: at.x + (isLeft ? -10 : 10), y: at.y - 8 }, text);
+}
+
+/** Text under a place, inside the picture. @param {{x: number, y: number}} at @param {string} text @param {number} width of the picture */
+function below(at, text, width) {
+    const half = Math.min(0.5 * width, 0.5 * letterCss * text.length);
+    return svg("text", { class: "mark-text", "text-anchor": "middle", x: clamp(at.x, half, width - half), y: at.y + 24 }, text);
+}
 
 export class Overlay {
     /** @param {Pane} pane */
@@ -88,6 +110,7 @@ export class Overlay {
             state.shift === 0 ? "" : `shift ${Math.round(state.shift)}`,
             state.opacity === 1 ? "" : `opacity ${state.opacity.toFixed(2)}`,
         ];
+        this.legend.classList.toggle("on-light", mode === "render" && isLight(state.background));
         this.values.textContent = mode !== "render" && window
             ? `C ${Math.round(window.centre)}  W ${Math.round(window.width)}` : adjusted.filter(Boolean).join("\n");
     }
@@ -114,9 +137,14 @@ export class Overlay {
         this.marks.replaceChildren(...(firstEnd === null ? [] : [spot("distance", this.place(firstEnd))]), ...marks.flatMap(mark => {
             const at = this.place(mark.position);
             const end = mark.end === undefined ? at : this.place(mark.end);
-            const text = svg("text", { class: "mark-text", x: end.x + 10, y: end.y - 8 }, `${mark.label}  ${amountOf(mark)}`);
+            const { clientWidth } = this.pane.element;
+            const text = beside(end, `${mark.label}  ${amountOf(mark)}`, clientWidth);
             const line = svg("line", { class: "measure", x1: at.x, y1: at.y, x2: end.x, y2: end.y });
-            return mark.end === undefined ? [spot(mark.kind, at), text] : [line, spot(mark.kind, at), spot(mark.kind, end), text];
+            if (mark.end !== undefined) {
+                return [line, spot(mark.kind, at), spot(mark.kind, end), text];
+            }
+            // Where the newest one lies is what was asked last.
+            return [spot(mark.kind, at), text, ...(mark === marks.at(-1) ? [below(at, positionText(mark.position), clientWidth)] : [])];
         }));
     }
 

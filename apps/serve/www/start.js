@@ -5,6 +5,7 @@ import { byId, html } from "./dom.js";
 /** @typedef {import("./protocol.js").Series} Series */
 
 const pollMs = 1000;
+const nothingFound = "No series found. Start the server with a folder of CT or MR slices, or with a volume file.";
 
 /** @param {Series} series */
 const describe = series => [series.description && series.folder, series.dims.join(" x ")].filter(Boolean).join(", ");
@@ -48,7 +49,7 @@ export class StartPage {
             const { scanning, series } = await (await fetch("/api/series")).json();
             this.#draw(series);
             const many = series.length === 1 ? "1 series" : `${series.length} series`;
-            this.state.textContent = scanning ? `Looking for series: ${many} so far` : series.length === 0 ? "No series found" : many;
+            this.state.textContent = scanning ? `Looking for series: ${many} so far` : series.length === 0 ? nothingFound : many;
             wanted = scanning || series.some((/** @type {Series} */ s) => !s.thumbnail);
         } catch {
             this.state.textContent = "The server does not answer";

@@ -10,9 +10,14 @@ import { add, dot, scale, subtract } from "./vectors.js";
 export const open = {
     /** @type {Volume | null} */
     volume: null,
+    /** @type {import("./protocol.js").Window | null} of the projection on the screen while the server chooses */
+    window: null,
     /** @type {import("./protocol.js").Hello | null} */
     hello: null,
 };
+
+/** The window that projections are shown with. @param {import("./state.js").State} state */
+export const windowOf = state => state.window ?? open.window ?? open.volume?.window ?? { centre: 0, width: 1 };
 
 /** The position of fractions of columns, rows and slices. @param {Volume} volume @param {Vec3} fractions @returns {Vec3} */
 export function positionAt(volume, fractions) {
@@ -44,7 +49,7 @@ export function letters(direction) {
 
 /** A position in words a physician reads. @param {Vec3} position */
 export const positionText = position =>
-    position.map((part, i) => `${"RLAPIS"[2 * i + (part > 0 ? 1 : 0)]} ${Math.abs(part).toFixed(1)}`).join("  ") + " mm";
+    position.map((part, i) => `${"RLAPIS"[2 * i + (part > 0 ? 1 : 0)]}\u00a0${Math.abs(part).toFixed(1)}`).join("  ") + "\u00a0mm";
 
 /**
  * Where a picture shows a position: its pixel, and how far in front of the volume's middle, mm.
