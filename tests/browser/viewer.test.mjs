@@ -199,10 +199,13 @@ onPage("a vessel pick lands on the centre line, points carry their value, distan
         await viewer.rest();
         await viewer.page.keyboard.press("2");
         const place = await viewer.place([px, py, pz]);
-        await viewer.page.mouse.click(place.x, place.y);
+        // A double click marks no more than a click; one a while later does.
+        await viewer.page.waitForTimeout(500);
+        await viewer.page.mouse.dblclick(place.x, place.y);
         await viewer.page.locator(".mark.vessel").nth(mode === "m" ? 0 : 1).waitFor();
     }
     const { marks } = await viewer.state();
+    assert.equal(marks.length, 2);
     for (const mark of marks) {
         assert.ok(offLine(mark.position) < 0.35 * radius, `${mark.label} is ${offLine(mark.position)} mm off the line of radius ${radius}`);
         assert.ok(["thin", "medium", "high"].includes(mark.vesselClass) && mark.length > radius && mark.length < 4 * radius, JSON.stringify(mark));
@@ -315,6 +318,9 @@ onPage("everything is reached and named without a mouse", async viewer => {
     assert.deepEqual(missed, []);
 
     // Turn, zoom, change the mode, pick at the cross.
+    await viewer.page.getByRole("button", { name: /^Maximum/ }).click();
+    await viewer.page.keyboard.press("ArrowRight");
+    assert.notEqual((await viewer.state()).camera.right[1], 0, "arrows turn after a click on the bar");
     await viewer.page.locator(".pane").first().focus();
     for (const key of ["l", "ArrowRight", "+", "+", "m", "2", "Alt+ArrowUp", "1", "Enter"]) {
         await viewer.page.keyboard.press(key);
@@ -479,6 +485,25 @@ test("the start page lists the series of a folder, and opens the one that is cho
     } finally {
         await many.stop();
     }
+});
+
+test("a page that comes before its only series is found opens it", { timeout: 60_000 }, async () => {
+    const context = await browser.newContext();
+    const page = await context.newPage();
+    const series = { id: "s1", modality: "CT", dims: [1, 1, 1], thumbnail: false };
+    let asked = 0;
+    await page.route("**/api/series", (/** @type {any} */ route) => route.fulfill({ json: { scanning: ++asked < 3, series: [series] } }));
+    // The server has not found it when it greets.
+    await page.routeWebSocket("**/socket", (/** @type {any} */ socket) => {
+        const real = socket.connectToServer();
+        real.onMessage((/** @type {any} */ message) =>
+            socket.send(String(message).includes('"hello"') ? JSON.stringify({ ...JSON.parse(String(message)), default: null }) : message));
+    });
+    await page.goto(server.link);
+    await page.locator("#start:not([hidden])").waitFor();
+    await page.locator("#start").waitFor({ state: "hidden" });
+    await page.locator(".pane .kind").first().waitFor();
+    await context.close();
 });
 
 test("turning for a while leaves memory flat and the newest picture on the screen", { timeout: 400_000 }, async () => {

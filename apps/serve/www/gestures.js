@@ -15,6 +15,8 @@ import { open, windowOf } from "./volume.js";
 /** A press may tremble as far, CSS pixels. */
 const trembleCss = 4;
 const longestTapMs = 600;
+/** A second press as soon as this, at the same place, is half of a double click and picks nothing more. */
+const doubleMs = 400;
 
 /** @param {Pane} pane @param {Point} from @param {Point} to */
 export function turn(pane, from, to) {
@@ -63,6 +65,9 @@ export function pan(pane, dx, dy) {
 /** @param {PointerEvent} event @returns {Gesture} */
 const gestureOf = event => (event.button === 2 ? "adjust" : event.button === 1 || event.shiftKey ? "pan" : "turn");
 
+/** @param {PointerEvent} a @param {PointerEvent} b */
+const isNear = (a, b) => Math.hypot(a.clientX - b.clientX, a.clientY - b.clientY) < trembleCss;
+
 /**
  * @param {Pane} pane
  * @param {(at: Point, vessel: boolean) => void} pick
@@ -75,6 +80,8 @@ export function listen(pane, pick) {
     let gesture = "turn";
     /** @type {PointerEvent | null} the press, as long as it may be a pick */
     let press = null;
+    /** @type {PointerEvent | null} the press that picked last */
+    let picked = null;
 
     element.addEventListener("pointerdown", event => {
         // The middle button would scroll; the picture has the focus without a ring around it.
@@ -83,7 +90,8 @@ export function listen(pane, pick) {
         element.setPointerCapture(event.pointerId);
         pointers.set(event.pointerId, event);
         gesture = event.pointerType === "touch" && pointers.size > 1 ? (pointers.size > 2 ? "adjust" : "pan") : gestureOf(event);
-        press = pointers.size === 1 && event.button === 0 && !event.shiftKey ? event : null;
+        const isSecond = picked !== null && event.timeStamp - picked.timeStamp < doubleMs && isNear(event, picked);
+        press = pointers.size === 1 && event.button === 0 && !event.shiftKey && !isSecond ? event : null;
     });
 
     element.addEventListener("pointermove", event => {
@@ -91,7 +99,7 @@ export function listen(pane, pick) {
         if (last === undefined) {
             return;
         }
-        if (press !== null && Math.hypot(event.clientX - press.clientX, event.clientY - press.clientY) < trembleCss) {
+        if (press !== null && isNear(event, press)) {
             return;
         }
         press = null;
@@ -112,6 +120,7 @@ export function listen(pane, pick) {
             return;
         }
         if (press !== null && event.type === "pointerup" && event.timeStamp - press.timeStamp < longestTapMs) {
+            picked = press;
             pick(pane.pixelAt(press), event.altKey);
         }
         press = null;

@@ -102,8 +102,8 @@ export function listenToKeys(actions) {
             target.matches("input:not([type=range], [type=checkbox]), select, textarea")) {
             return;
         }
-        // Arrows and Enter belong to whatever control has the focus.
-        const isOwn = arrows.includes(event.key) || ["Enter", "Home"].includes(event.key);
+        // Arrows and Enter belong to whatever control has the focus; buttons of the bar have no use for arrows.
+        const isOwn = (arrows.includes(event.key) && target.closest("#bar") === null) || ["Enter", "Home"].includes(event.key);
         if ((isOwn && !onPane) || (event.altKey && !isTyped && !arrows.includes(event.key))) {
             return;
         }

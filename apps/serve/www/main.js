@@ -118,7 +118,7 @@ const answers = {
         open.hello = message;
         const wanted = store.state.series ?? message.default;
         if (wanted === null) {
-            startPage.show();
+            startPage.show(true);
         } else {
             openSeries(wanted);
         }

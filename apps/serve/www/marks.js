@@ -4,7 +4,7 @@ import { html } from "./dom.js";
 import { button, section } from "./fields.js";
 import { amountOf } from "./overlay.js";
 import { store } from "./state.js";
-import { positionText } from "./volume.js";
+import { open, positionText } from "./volume.js";
 
 /** @typedef {import("./state.js").Mark} Mark */
 
@@ -42,10 +42,13 @@ export function markSection(save) {
         button("Remove all", () => store.update({ marks: [] })));
     /** @type {Mark[] | null} */
     let shown = null;
+    let unit = "";
     store.subscribe(() => {
         const { marks } = store.state;
-        if (shown !== marks) {
+        // Marks of a link are there before the volume that knows the unit of their values.
+        if (shown !== marks || unit !== (open.volume?.unit ?? "")) {
             shown = marks;
+            unit = open.volume?.unit ?? "";
             list.replaceChildren(...marks.map(item));
             empty.hidden = marks.length > 0;
             buttons.hidden = marks.length === 0;

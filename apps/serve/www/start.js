@@ -22,6 +22,7 @@ export class StartPage {
     /** @type {Map<string, ReturnType<typeof card>>} */
     #cards = new Map();
     #timer = 0;
+    #opensOnly = false;
 
     /** @param {(id: string) => void} choose */
     constructor(choose) {
@@ -30,7 +31,9 @@ export class StartPage {
         this.state = byId("scanning");
     }
 
-    show() {
+    /** @param {boolean} [opensOnly] opens a series that proves to be the only one when all folders are searched */
+    show(opensOnly = false) {
+        this.#opensOnly = opensOnly;
         byId("start").hidden = false;
         document.body.classList.add("at-start");
         this.#poll();
@@ -50,6 +53,10 @@ export class StartPage {
             this.#draw(series);
             const many = series.length === 1 ? "1 series" : `${series.length} series`;
             this.state.textContent = scanning ? `Looking for series: ${many} so far` : series.length === 0 ? nothingFound : many;
+            if (this.#opensOnly && !scanning && series.length === 1 && !byId("start").hidden) {
+                this.choose(series[0].id);
+                return;
+            }
             wanted = scanning || series.some((/** @type {Series} */ s) => !s.thumbnail);
         } catch {
             this.state.textContent = "The server does not answer";
