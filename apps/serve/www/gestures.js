@@ -90,8 +90,7 @@ export function listen(pane, pick) {
         element.setPointerCapture(event.pointerId);
         pointers.set(event.pointerId, event);
         gesture = event.pointerType === "touch" && pointers.size > 1 ? (pointers.size > 2 ? "adjust" : "pan") : gestureOf(event);
-        const isSecond = picked !== null && event.timeStamp - picked.timeStamp < doubleMs && isNear(event, picked);
-        press = pointers.size === 1 && event.button === 0 && !event.shiftKey && !isSecond ? event : null;
+        press = pointers.size === 1 && event.button === 0 && !event.shiftKey ? event : null;
     });
 
     element.addEventListener("pointermove", event => {
@@ -120,8 +119,11 @@ export function listen(pane, pick) {
             return;
         }
         if (press !== null && event.type === "pointerup" && event.timeStamp - press.timeStamp < longestTapMs) {
-            picked = press;
-            pick(pane.pixelAt(press), event.altKey);
+            const isSecond = picked !== null && press.timeStamp - picked.timeStamp < doubleMs && isNear(press, picked);
+            if (!isSecond) {
+                picked = press;
+                pick(pane.pixelAt(press), event.altKey);
+            }
         }
         press = null;
         if (pointers.size === 0) {
