@@ -248,13 +248,15 @@ std::optional<IP_MIPRay> Projection::Ray(double pixel_x, double pixel_y) {
 DisplayWindow DefaultWindow(VolumeSource& source, const ProjectedPicture& picture) {
     const ImportedVolume& info = source.Info();
     if (info.window_centre && info.window_width && *info.window_width > 0.0) {
-        std::size_t shown = 0;
+        const double half = 0.5 * *info.window_width;
+        std::size_t lit = 0;
         std::size_t white = 0;
         for (const std::int16_t stored : picture.stored) {
-            shown += stored > info.min_value ? 1 : 0;
-            white += source.Rescaled(stored) >= *info.window_centre + 0.5 * *info.window_width ? 1 : 0;
+            const double from_centre = source.Rescaled(stored) - *info.window_centre;
+            lit += stored > info.min_value && from_centre > -half ? 1 : 0;
+            white += from_centre >= half ? 1 : 0;
         }
-        if (2 * white <= shown) {
+        if (2 * white <= lit) {
             return {*info.window_centre, *info.window_width};
         }
     }

@@ -96,7 +96,7 @@ private:
     ProjectedPicture m_Picture;
 };
 
-// The window to show a picture with: the file's own, unless it would leave more than half of the volume's picture
+// The window to show a picture with: the file's own, unless it would make more than half of what is not black
 // white; else from the 0.1 to the 99.9 percentile of the volume.
 DisplayWindow DefaultWindow(VolumeSource& source, const ProjectedPicture& picture);
 

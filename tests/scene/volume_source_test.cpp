@@ -7,6 +7,7 @@
 
 #include "scene/clipping.h"
 #include "scene/presets.h"
+#include "scene/projection.h"
 #include "scene/random_stream.h"
 #include "scene/volume_rendering.h"
 #include "tests/scene/turned_grid.h"
@@ -66,6 +67,29 @@ TEST(VolumeSource, PercentilesAreOfRescaledValuesWithoutPadding) {
     EXPECT_DOUBLE_EQ(source.Histogram().Percentile(0.0), -100.0);
     EXPECT_DOUBLE_EQ(source.Histogram().Percentile(0.5), 2.0 * 249 - 100.0);
     EXPECT_DOUBLE_EQ(source.Histogram().Percentile(1.0), 2.0 * 499 - 100.0);
+}
+
+TEST(VolumeSource, TheFilesWindowIsTakenForPicturesThatItDoesNotMakeWhite) {
+    ImportedVolume imported = Turned({10, 10, 10}, {1, 1, 1}, 0.0, 1000);
+    std::fill_n(imported.voxels.data(), 500, std::int16_t{-1000});
+    imported.min_value = -1024;
+    imported.window_centre = 40.0;
+    imported.window_width = 80.0;
+    VolumeSource source(std::move(imported));
+    const auto window_of = [&source](int air, int brain, int bone) {
+        scene::ProjectedPicture picture{air + brain + bone, 1,
+                                        std::vector<std::int16_t>(static_cast<std::size_t>(air), -1000)};
+        picture.stored.insert(picture.stored.end(), static_cast<std::size_t>(brain), 35);
+        picture.stored.insert(picture.stored.end(), static_cast<std::size_t>(bone), 1000);
+        return DefaultWindow(source, picture);
+    };
+    const scene::DisplayWindow brain = window_of(70, 20, 10);
+    EXPECT_EQ(brain.centre, 40.0);
+    EXPECT_EQ(brain.width, 80.0);
+    // All that is seen is bone, however much air is around it.
+    const scene::DisplayWindow bone = window_of(70, 10, 20);
+    EXPECT_EQ(bone.centre, 0.0);
+    EXPECT_EQ(bone.width, 2000.0);
 }
 
 // Centre of brightness of a picture.
