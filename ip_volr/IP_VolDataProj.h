@@ -282,6 +282,7 @@ private:
     void subtask_check_transpose();
     void transpose_in_batches(int first, int last, bool check);
     int batch_size() const;
+    void follow_record(int index);
     void follow_records();
     int count_oriented(int first, int last, bool transposed) const;
     IP_SliceIDInfo* slice_transpose_with_hash_update(int index, IP_Slice* work_slice, IP_SliceIDInfo* work_record);

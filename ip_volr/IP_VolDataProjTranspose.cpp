@@ -63,13 +63,17 @@ bool IP_VolDataProj::CheckTransposed(bool wanted) {
 }
 
 // Another volume of the map that holds the same slices may have moved them to other blocks.
+void IP_VolDataProj::follow_record(int index) {
+    IP_Slice* const slice = GetSlice(index);
+    const IP_SliceIDInfo* const record = slice_record(index);
+    if (slice != nullptr && record != nullptr && slice->GetData() != record->GetData()) {
+        slice->SetData(record->GetData(), false);
+    }
+}
+
 void IP_VolDataProj::follow_records() {
     for (int i = 0; i < m_NumbSlices; i++) {
-        IP_Slice* const slice = GetSlice(i);
-        const IP_SliceIDInfo* const record = slice_record(i);
-        if (slice != nullptr && record != nullptr && slice->GetData() != record->GetData()) {
-            slice->SetData(record->GetData(), false);
-        }
+        follow_record(i);
     }
 }
 
@@ -212,7 +216,7 @@ bool IP_VolDataProj::Transpose2WorkSlice(int slice, int work) {
     if (!is_built() || record == nullptr || work < 0 || work >= static_cast<int>(m_NumbWorkSlices)) {
         return false;
     }
-    follow_records();
+    follow_record(slice);  // alone: other tasks are at other slices meanwhile
     const int x = static_cast<int>(m_ChunkX);
     const int y = static_cast<int>(m_ChunkY);
     const bool transposed = record->GetTransposed();

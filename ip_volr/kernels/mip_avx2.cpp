@@ -10,8 +10,8 @@ void add_mip_avx2(MipKernels& table) {
     table.fill = Rows::fill;
     table.max_row = Rows::max_row;
     table.max_row_weighted = Rows::max_row_weighted;
-    table.max_row_bilinear = Rows::max_row_bilinear;
-    table.row_bilinear = Rows::row_bilinear;
+    table.max_row_bilinear = Rows::bilinear<true>;
+    table.row_bilinear = Rows::bilinear<false>;
 }
 
 }  // namespace ip_volr::kernels

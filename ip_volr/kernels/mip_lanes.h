@@ -61,22 +61,16 @@ public:
         mip_scalar::max_row_weighted(dst + i, src + i, count - i, {static_cast<std::int32_t>(rest), weight.step});
     }
 
-    static void max_row_bilinear(std::int16_t* dst, const std::int16_t* near_row, const std::int16_t* far_row,
-                                 std::size_t count, const MipBilinear& weights) {
+    // Keeps the maximum, or writes the sample.
+    template <bool kKeepMaximum>
+    static void bilinear(std::int16_t* dst, const std::int16_t* near_row, const std::int16_t* far_row,
+                         std::size_t count, const MipBilinear& weights) {
         if (count < kPixels) {
-            mip_scalar::max_row_bilinear(dst, near_row, far_row, count, weights);
+            constexpr auto of_short_rows = kKeepMaximum ? mip_scalar::max_row_bilinear : mip_scalar::row_bilinear;
+            of_short_rows(dst, near_row, far_row, count, weights);
             return;
         }
-        blend<true>(dst, near_row, far_row, count, weights);
-    }
-
-    static void row_bilinear(std::int16_t* dst, const std::int16_t* near_row, const std::int16_t* far_row,
-                             std::size_t count, const MipBilinear& weights) {
-        if (count < kPixels) {
-            mip_scalar::row_bilinear(dst, near_row, far_row, count, weights);
-            return;
-        }
-        blend<false>(dst, near_row, far_row, count, weights);
+        blend<kKeepMaximum>(dst, near_row, far_row, count, weights);
     }
 
 private:

@@ -76,7 +76,7 @@ void transpose_band(std::int16_t* dst, std::size_t dst_stride, const std::int16_
 
 void add_mip_sse41(MipKernels& table) {
     using Rows = MipLanes<Sse41Lanes>;
-    table = {Rows::fill, Rows::max_row, Rows::max_row_weighted, Rows::max_row_bilinear, Rows::row_bilinear, transpose};
+    table = {Rows::fill, Rows::max_row, Rows::max_row_weighted, Rows::bilinear<true>, Rows::bilinear<false>, transpose};
 }
 
 }  // namespace ip_volr::kernels
